@@ -1,0 +1,160 @@
+#pragma once
+
+// One mount point ("part") of a repository: a directory, normally the root of its own file
+// system, holding resources under the three-level hashed layout. It reads repositorypart.cfg,
+// measures how full its file system is, turns that into a status bit mask (KSStatus.h) and
+// remembers when it was found dead so that a dead mount is not probed again for 300 seconds.
+//
+// Owned by its KSRepositoryHandler, which it refers back to. Setup and the up-to-date check run
+// for all mounts of a repository in parallel, one thread per mount at a time; status and used
+// percentage are plain values that other threads read without locking.
+//
+// Member functions are spread over source files by concern:
+//   KSMountPointHandler.cpp           configuration, status, fill level, dedicated detection
+//   KSMountPointLocation.cpp          getLocation, createLocation, createDirectory, removeResource
+//   KSMountPointCandidates.cpp        getOldestResources, getRandomResources
+//   KSMountPointMove.cpp              moveResourcesNewInner
+
+#include <sys/statvfs.h>
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <string>
+
+#include "ResourceEntry.h"
+
+struct mntent;
+class KSRepositoryHandler;
+class KSNomoveHandler;
+class KSProperties;
+namespace kelp {
+namespace db {
+class DBConnector;
+}
+}  // namespace kelp
+
+// The mount's copy plug-in: copies `origin` to `destination`; 0 on success.
+typedef int (*KSMoveFunction)(const char* origin, const char* destination, const char* params);
+
+class KSMountPointHandler {
+public:
+    // Settings of repositorypart.cfg; limits in percent of capacity in use, times in seconds.
+    struct Config {
+        double switchLimit = 93.0;
+        double fullLimit = 94.0;
+        double cleanLimit = 98.0;
+        double moveLimit = 99.0;
+        double hardFullLimit = 99.9;
+        unsigned nomoveTime = 86400;
+        unsigned warnmoveTime = 172800;
+        unsigned moveHorizon = 2592000;
+        bool fast = false;
+        bool nightManagement = false;
+        double nightVolumemul = 1.2;
+        double nightLowerPercent = 5.0;
+        double deleteOld = 5.0;
+        bool countSize = true;
+    };
+
+    // Counters of the candidate walk, reset per walk and logged every 1000 directories.
+    struct WalkCounters {
+        unsigned checked = 0;
+        unsigned calls = 0;
+        long long dirtyTime = 0, accessTime = 0, statTime = 0, listDirTime = 0, putResultTime = 0;
+    };
+
+    // Takes its defaults from `repository` (may be null only in tests of the free functions).
+    KSMountPointHandler(std::string path, KSRepositoryHandler* repository);
+    ~KSMountPointHandler();  // closes the move plug-in
+    KSMountPointHandler(const KSMountPointHandler&) = delete;
+    KSMountPointHandler& operator=(const KSMountPointHandler&) = delete;
+
+    // ---- configuration and status (KSMountPointHandler.cpp) ------------------------------
+
+    void setup();
+    int parseConfigFile();
+    bool isUpToDate();
+    // Status bit mask; a mount found dead less than 300 s ago answers 256 without disk access.
+    uint32_t checkStatus(bool useCached);
+    // Percent in use (the larger of blocks and inodes), or -1.0 when statvfs fails.
+    float getUsedPercentage();
+    bool isDedicated();
+    // Textual prefix test (a mount /data/p1 also claims /data/p10/x).
+    bool isOnThisMount(const char* path) const;
+    unsigned recalculateCollectNum(unsigned current);
+    void writeToLog(const char* text);
+
+    const std::string& path() const { return path_; }
+    const std::string& lastMoveFile() const { return lastMoveFile_; }
+    KSRepositoryHandler* repository() const { return repository_; }
+    Config& config() { return config_; }
+    const Config& config() const { return config_; }
+    uint32_t status() const { return status_.load(); }
+    double usedPercentage() const { return usedPercentage_.load(); }
+    double usedAtCycleStart() const { return usedAtCycleStart_; }
+    void setUsedAtCycleStart(double used) { usedAtCycleStart_ = used; }
+    bool dedicated() const { return dedicated_; }
+    bool upToDate() const { return upToDate_; }
+    KSMoveFunction moveFunction() const { return moveFunction_; }
+    const std::string& moveParams() const { return moveParams_; }
+    WalkCounters& counters() { return counters_; }
+
+    // ---- resources on this mount (KSMountPointLocation.cpp) ------------------------------
+
+    // Returned texts are new[] arrays owned by the caller; null when not found.
+    char* getLocation(const char* resource, int* status, int* mountFlags, bool touch,
+                      bool useMountStatus);
+    char* createLocation(const char* resource, int* status, bool dirty);
+    char* createDirectory(const char* name, int* status, bool flag1, bool flag2);
+    int removeResource(const char* resource, bool useCallback);
+
+    // ---- candidates and moving (KSMountPointCandidates.cpp, KSMountPointMove.cpp) --------
+
+    // Size of `result` after the walk; 0 for maxCount 0; 0xFFFFFFFF when stopped or dead.
+    uint32_t getOldestResources(kelp::db::DBConnector* connection, ResourceSet& result,
+                                KSNomoveHandler* nomove, uint32_t maxCount, ResourceSet* ownSet,
+                                const std::string& relativeDir, int depth);
+    uint32_t getRandomResources(kelp::db::DBConnector* connection, ResourceSet& result,
+                                KSNomoveHandler* nomove, uint32_t maxCount);
+    // Walks the hashed tree from `resumeHash`, moving resources older than `moveTime`; fills
+    // `ageMap` (age in days -> amount of data). 0 done, 1/2 still too full, 3 stopped, -1 error.
+    int moveResourcesNewInner(kelp::db::DBConnector* connection, std::string& resumeHash,
+                              unsigned moveTime, std::map<int, double>& ageMap);
+
+private:
+    void loadMovePlugin(const char* library, const char* params);
+    void applyConfig(KSProperties& properties);
+
+    std::string path_;
+    std::string logPath_;
+    std::string lastMoveFile_;
+    KSRepositoryHandler* repository_;
+    Config config_;
+    std::atomic<uint32_t> status_{0};
+    std::atomic<double> usedPercentage_{0.0};
+    double usedAtCycleStart_ = 0.0;
+    double usedBeforeLastPass_ = 0.0;
+    time_t configMtime_ = 0;
+    std::atomic<time_t> deadSince_{0};
+    bool dedicated_ = false;
+    bool upToDate_ = true;
+    void* pluginHandle_ = nullptr;
+    KSMoveFunction moveFunction_ = nullptr;
+    std::string moveParams_;
+    WalkCounters counters_;
+};
+
+// Free functions of the mount layer.
+double getConfigValue(KSProperties* properties, const char* key);
+// 0, or 8 when statvfs fails (logged). Null arguments throw KSAssertionException.
+int myStatVfs(const char* path, struct statvfs* out);
+// 0, or 1 when `known` is null and the path cannot be queried.
+int blocksToFree(const char* path, double percent, long* count, struct statvfs* known);
+bool IsOnTheSameMount(const char* a, const char* b);
+// The mount directory of the file system holding `path` (deepest /proc/mounts match).
+std::string getMountpoint(const char* path, struct mntent* entry, char* buffer,
+                          unsigned long size);
+// Standard output of a shell command. Only for commands built by ShellCommand.
+std::string exec(const char* command);

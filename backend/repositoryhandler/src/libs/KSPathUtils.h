@@ -1,0 +1,51 @@
+#pragma once
+
+// Path utilities and the hashed layout. A resource R lives on mount M at
+// M + "/" + AB/CD/EF/ + R: three hash levels of two characters from a 37-letter alphabet.
+//
+// Ownership: every char* returned here is a new[] array the caller deletes with delete[]
+// (normalize_file_name, declared in repohandler.h, is the exception: malloc/free).
+// A null result means no such path or failure, never an empty text.
+// All functions are stateless and thread-safe.
+
+#include <sys/stat.h>
+
+#include <ctime>
+#include <list>
+#include <string>
+
+// Hash prefix ("AB/CD/EF/") immediately followed by `name`.
+char* createHash(const char* name);
+char* append0(const char* a, const char* b);
+char* append(char* a, const char* b);  // deletes `a`
+char* baseDir(const char* path);       // up to and including the last slash; null without one
+char* parentDir(const char* path);     // the directory above baseDir(path), with its slash
+// "KSRepositoryHandler-" + repository + "-" + resource, slashes replaced by underscores.
+char* toResourceID(const char* repository, const char* resource);
+// The location of `resource` on the mount at `mountPath` (no trailing slash).
+std::string resourceLocation(const std::string& mountPath, const char* resource);
+// A single path component that is safe to place on a mount: not empty, not "." or "..",
+// no slash, no NUL. Names failing this are refused by every operation.
+bool isSafeResourceName(const char* resource);
+
+bool exists(const char* path);
+bool isNotLink(const char* path);
+bool isDangling(const char* path);
+void mylink(const char* legacyRoot, const char* mountRoot, const char* relPath);
+int myunlink(const char* path);
+int mkdirs(const char* path, mode_t mode);
+int myStat(const char* path, struct stat* out);  // 0 or 8; null arguments throw
+int isDir(const char* path, bool* isDirectory, struct stat* known);
+time_t lastAccess(const char* path, struct stat* known);
+time_t lastModified(const char* path);
+time_t lastModified2(const char* path);
+long getSize(const char* path, struct stat* known);
+int listDir(const char* path, std::list<std::string>* names, bool plainOpen,
+            bool skipDirectories);
+void touchHashedDirs(const char* path);
+void clearEmptyHash(const char* path);
+
+int createDirectory(const char* legacyRoot, const char* mountRoot, const char* relPath);
+int removeDirectory(const char* legacyRoot, const char* mountRoot, const char* relPath);
+int createDirectoryForFile(const char* mountRoot, const char* relFile);
+int removeDirectoryForFile(const char* mountRoot, const char* relFile);

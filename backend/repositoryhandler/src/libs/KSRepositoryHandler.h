@@ -1,0 +1,235 @@
+#pragma once
+
+// One repository: its settings from repository.cfg, its ordered mount points, its dirty set and
+// the operations that place, find, remove and move resources on those mounts.
+//
+// Handlers are shared: the process-wide registry (getRepository) and every call in progress
+// hold a std::shared_ptr, so a reload replaces a handler without destroying one in use.
+// A handler is used by many threads at once; each concern synchronises the state it changes.
+//
+// Member functions are spread over source files by concern:
+//   KSRepositoryHandler.cpp          configuration, setup, up-to-date check, status, mount aids
+//   KSRepositoryRegistry.cpp         getRepository and the registry
+//   KSRepositoryLookup.cpp           getLocation, getLocationOnMount, callbacks, listings
+//   KSRepositoryCreate.cpp           createLocation, createDirectory, mount choice
+//   KSRepositoryRemove.cpp           removal, resource status, time properties, makeEmpty
+//   KSRepositoryLegacy.cpp           createToLegacy and the legacy take-over helpers
+//   KSRepositoryLocks.cpp            lockResource/unlockResource, isDirty/setDirty
+//   KSRepositoryCandidates.cpp       getGlobalOldestResources
+//   KSRepositoryMove.cpp             moveResourcesFromMount, moveResourcesNew, emptying a mount
+//   KSRepositoryOverload.cpp         checkOverload and its steps, deleteResourcesFromMount
+//   KSRepositoryStatistics.cpp       writeCalcData, warnMoveTimeWarning, moveTimeWarning
+
+#include <atomic>
+#include <csignal>
+#include <ctime>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "KSDirtyFlagHandler.h"
+#include "KSMountPointHandler.h"
+#include "KSStatus.h"
+#include "ResourceEntry.h"
+
+struct utimbuf;
+class KSNomoveHandler;
+class KSProperties;
+namespace kelp {
+namespace db {
+class DBConnector;
+}
+}  // namespace kelp
+
+class KSRepositoryHandler {
+public:
+    // Settings read from repository.cfg (and repository.NN.*.cfg); defaults as documented in
+    // the README. Times are in seconds.
+    struct Settings {
+        std::string legacyDir;  // empty: no legacy directory
+        bool maintainLegacyLinks = false;
+        bool followLegacyLinks = false;
+        double remindLimit = 80.0;
+        double warnLimit = 90.0;
+        double warn2Limit = 91.0;
+        double warn3Limit = 92.0;
+        double switchLimit = 93.0;
+        double fullLimit = 94.0;
+        double cleanLimit = 98.0;
+        double moveLimit = 99.0;
+        double hardFullLimit = 99.9;
+        int numThreads = 64;
+        bool isClearable = false;
+        bool isClearableMove = false;
+        unsigned nomoveTime = 86400;
+        unsigned warnmoveTime = 172800;
+        unsigned moveTime = 2592000;
+        bool isShared = true;
+        std::string resolver;  // empty or "RepositoryDataResolver"
+        std::string callback;  // empty or "RepositoryStudyCallback"
+        bool countSize = true;
+        bool authoritativeMode = true;
+        bool forceDedicated = false;
+    };
+
+    using MountList = std::vector<std::unique_ptr<KSMountPointHandler>>;
+
+    // Builds the handler for `path` (already normalised) and runs setup(). Never throws for a
+    // missing directory or a bad configuration: the handler is then marked unusable.
+    KSRepositoryHandler(kelp::db::DBConnector* db, const char* path);
+    ~KSRepositoryHandler();
+    KSRepositoryHandler(const KSRepositoryHandler&) = delete;
+    KSRepositoryHandler& operator=(const KSRepositoryHandler&) = delete;
+
+    // ---- configuration and registry (KSRepositoryHandler.cpp) ----------------------------
+
+    // Resets every setting to its default and loads the configuration again, in place.
+    // Returns the new last-check time. Not safe against concurrent operations on this handler.
+    time_t setup(kelp::db::DBConnector* db, const char* path);
+    // 0 on success, 1 when a configuration file exists but cannot be read.
+    int parseConfigFile();
+    // Within 9 seconds of the last check (and without `force`) true without file access.
+    bool isUpToDate(bool force);
+    // Runs KSMountPointHandler::setup on every mount once (in parallel).
+    void initMPHandlers();
+    bool mountHandlersInitialised() const { return mpInitialised_.load(); }
+    bool mountHandlersInitialising() const { return mpInitialising_.load(); }
+    // `given` when not null or when the repository is not shared; else the repository's own
+    // connector, created on first use and owned by the handler.
+    kelp::db::DBConnector* getDbConnector(kelp::db::DBConnector* given);
+    bool isShared() const { return settings_.isShared; }
+    bool isSingleMountNonClearable() const;
+    // Repository status flags (KSStatus.h), computed afresh from every mount.
+    int checkRepositoryStatus();
+    int repositoryStatus() const { return repositoryStatus_.load(); }
+    // Maintenance aids: make a random mount look dead/alive, take one mount out or back in,
+    // give back every mount taken out.
+    void rndMount();
+    int MountUnmount(int mountIndex, bool mount);
+    int giveBackMounts();
+
+    const std::string& path() const { return path_; }
+    const std::string& canonicalPath() const { return canonicalPath_; }
+    const Settings& settings() const { return settings_; }
+    MountList& mounts() { return mounts_; }
+    const MountList& mounts() const { return mounts_; }
+    bool isUnusable() const { return unusable_; }
+    bool hasNonFastMount() const { return hasNonFastMount_.load(); }
+    KSDirtyFlagHandler& dirtyFlags() { return dirtyFlags_; }
+    time_t configModificationTime() const { return configMtime_; }
+
+    // Runs `operation` on every mount with at most `threads` threads (the calling thread
+    // included); returns when it has run on all of them.
+    static void parallelRun(MountList& mounts, int threads,
+                            const std::function<void(KSMountPointHandler&)>& operation);
+
+    // ---- lookup (KSRepositoryLookup.cpp) --------------------------------------------------
+
+    // Returned texts are new[] arrays owned by the caller; null when not found.
+    char* getLocation(kelp::db::DBConnector* connection, const char* resource, int* status,
+                      bool touch, bool lock, bool useCallback, bool onlyIfDirty);
+    char* getLocationOnMount(kelp::db::DBConnector* connection, const char* resource,
+                             const char* mountName, int* status, bool lock, bool touch);
+    int getLocations(kelp::db::DBConnector* connection, const char* resource,
+                     std::list<std::string>* locations, bool flag1, bool flag2);
+    char* getMountFromPath(kelp::db::DBConnector* connection, const char* path);
+    char* getMountPathForDirectory(kelp::db::DBConnector* connection, const char* directory);
+    // kind 1: directories, 2: files. Returns a new[] array of new[] texts; *count its length.
+    char** listResources(int kind, long* count, bool flag);
+    std::string runInfoCallback(const char* resource, bool c, bool d, bool s);
+
+    // ---- creation and mount choice (KSRepositoryCreate.cpp) -----------------------------
+
+    char* createLocation(kelp::db::DBConnector* connection, const char* resource, int* status,
+                         int* existed, bool noDirty);
+    char* createDirectory(kelp::db::DBConnector* connection, const char* resource, int* status,
+                          int* secondStatus, bool flag1, bool flag2, bool flag3);
+    int getActualMountPoint();
+    int getActualMountPointForMove(KSMountPointHandler* source, bool verbose);
+    int getActualMountPointForLegacy();
+
+    // ---- removal, status, time properties (KSRepositoryRemove.cpp) ----------------------
+
+    int checkResourceStatus(kelp::db::DBConnector* connection, const char* resource);
+    int removeResource(kelp::db::DBConnector* connection, const char* resource, bool lock,
+                       bool useCallback);
+    int removeResourceOnMount(kelp::db::DBConnector* connection, const char* resource,
+                              const char* mountName, bool lock, bool useCallback);
+    bool getTimeProperties(kelp::db::DBConnector* connection, const char* resource,
+                           struct utimbuf* times);
+    bool setTimeProperties(kelp::db::DBConnector* connection, const char* resource,
+                           const struct utimbuf* times);
+    void makeEmpty(kelp::db::DBConnector* connection);
+
+    // ---- legacy directory (KSRepositoryLegacy.cpp) ---------------------------------------
+
+    // new[] text of the created legacy path, or null.
+    char* createToLegacy(const char* resource);
+
+    // ---- locks and dirty flags (KSRepositoryLocks.cpp) -----------------------------------
+
+    int lockResource(kelp::db::DBConnector* connection, const char* resource);
+    int unlockResource(kelp::db::DBConnector* connection, const char* resource);
+    int isDirty(kelp::db::DBConnector* connection, const char* resource);
+    void setDirty(kelp::db::DBConnector* connection, const char* resource, bool dirty);
+
+    // ---- capacity management --------------------------------------------------------------
+
+    void checkOverload(kelp::db::DBConnector* connection, bool verbose, bool night);
+    int getGlobalOldestResources(kelp::db::DBConnector* connection, ResourceSet& result,
+                                 KSNomoveHandler* nomove, unsigned collectNum, bool deleteOld,
+                                 ResourceSet* ownSet, int mountIndex);
+    int moveResourcesFromMount(kelp::db::DBConnector* connection, KSMountPointHandler* mount,
+                               KSNomoveHandler* nomove, bool verbose, unsigned collectNum);
+    int moveResourcesNew(kelp::db::DBConnector* connection, KSMountPointHandler* mount);
+    int deleteResourcesFromMount(kelp::db::DBConnector* connection, KSMountPointHandler* mount,
+                                 KSNomoveHandler* nomove, unsigned maxCount);
+    int moveAllResourcesFromMount(kelp::db::DBConnector* connection, const char* mount,
+                                  bool flag);
+    char* unAge(kelp::db::DBConnector* connection, const char* resource);
+    void writeCalcData(bool verbose, KSMountPointHandler* mount, double usedBefore);
+    void warnMoveTimeWarning(const char* action, const time_t* resourceTime);
+    void moveTimeWarning(KSMountPointHandler* mount, int days);
+    std::list<std::string>* getDeletedDirs() { return &deletedDirs_; }
+    unsigned collectNum() const { return collectNum_; }
+
+private:
+    void resetToDefaults();
+    void readSettings(KSProperties& properties);
+    void createMountHandlers(const char* mountPoints);
+
+    std::string path_;
+    std::string canonicalPath_;
+    time_t configMtime_ = 0;
+    std::atomic<time_t> lastCheck_{0};
+    std::unique_ptr<kelp::db::DBConnector> ownConnector_;
+    std::mutex connectorMutex_;
+    MountList mounts_;
+    KSDirtyFlagHandler dirtyFlags_;
+    Settings settings_;
+    bool unusable_ = false;
+    std::atomic<int> repositoryStatus_{0};
+
+    std::list<std::string> deletedDirs_;
+    unsigned deletedCount_ = 0;
+    unsigned collectNum_ = 100;
+
+    std::mutex mpInitMutex_;
+    std::atomic<bool> mpInitialising_{false};
+    std::atomic<bool> mpInitialised_{false};
+    std::atomic<bool> hasNonFastMount_{false};
+};
+
+// The registry: the up-to-date handler of the repository at `path` (normalised first), loaded
+// on first use. Never null; a missing directory yields a handler marked unusable.
+// Thread-safe: one process-wide reader-writer lock guards the map.
+std::shared_ptr<KSRepositoryHandler> getRepository(kelp::db::DBConnector* db, const char* path,
+                                                   bool checkUpToDate);
+
+// Set by signal_handler (SIGTERM, SIGABRT during an overload check); never cleared.
+extern volatile sig_atomic_t checkoverloadStopped;
+void signal_handler(int signal);

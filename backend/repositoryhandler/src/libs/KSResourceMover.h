@@ -1,0 +1,21 @@
+#pragma once
+
+// Moving one resource between mounts without ever losing the only copy: the origin goes only
+// after a verified copy, or after every entry of a directory has been moved.
+
+#include "KSMountPointHandler.h"
+
+class KSRepositoryHandler;
+
+// 0 success, 2 conflict (the destination holds a different copy), 8 failure, else the
+// result of mountRename. Throws KSAssertionException when the origin does not exist.
+int moveRes(KSRepositoryHandler* repository, const char* origin, const char* destination,
+            KSMoveFunction copy, const char* copyParams, const char* callback,
+            const char* shortName, const char* repositoryName, bool verbose);
+// First copy onto a mount where the resource does not exist yet: copy, compare, remove.
+int mountRename(const char* origin, const char* destination, KSMoveFunction copy,
+                const char* copyParams);
+// Tells the study callback ($TASKD_HOME/runjavacmd) of a move or a deletion. Either path may
+// be null.
+void moveCallback(const char* callback, const char* destination, const char* shortName,
+                  const char* repositoryName, const char* origin);

@@ -1,0 +1,36 @@
+#pragma once
+
+// A named lock held across threads and processes of one machine: the exclusive creation of the
+// file $LOCK_VAR/semaphore_<name> ("." when LOCK_VAR is unset). Not re-entrant.
+// One object is used by one thread at a time.
+
+#include <string>
+
+class KSSemaphore {
+public:
+    explicit KSSemaphore(const std::string& name);
+    // Releases a held lock when release-on-destruction is set; never throws.
+    virtual ~KSSemaphore();
+    KSSemaphore(const KSSemaphore&) = delete;
+    KSSemaphore& operator=(const KSSemaphore&) = delete;
+
+    // One attempt. false when somebody else holds it; KSIOException on any other error.
+    virtual bool lockResource();
+    // Random steps of 10..989 ms for at most `seconds` (0: for ever); KSTimeoutException after.
+    bool lock(int seconds);
+    // Growing, jittered steps within `timeoutMs`; KSTimeoutException when the budget is spent.
+    bool lock_ms(int timeoutMs, float initialDelay, float growth, float maxDelay, float jitter);
+    // Releases the lock if this object holds it; KSIOException when that fails.
+    virtual void unlock();
+
+    const std::string& name() const { return name_; }
+    bool isLocked() const { return locked_; }
+    void setLocked(bool locked) { locked_ = locked; }
+    void setReleaseOnDestruction(bool release) { releaseOnDestruction_ = release; }
+
+protected:
+    std::string name_;
+    std::string lockDirectory_;
+    bool locked_ = false;
+    bool releaseOnDestruction_ = true;
+};

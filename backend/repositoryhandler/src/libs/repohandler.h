@@ -1,0 +1,93 @@
+#pragma once
+
+// The flat C surface of librepohandler.so.
+//
+// Every function names a repository by its directory path. The repository is loaded on first
+// use and reloaded when its configuration files change (at most one check every 9 seconds).
+// Functions that take a DBConnector* accept null: a shared repository then uses a connector of
+// its own, a non-shared one needs none.
+//
+// Ownership: every char* returned here is allocated with new[] and must be given back with
+// release() (or release_()); both accept null. normalize_file_name() is the exception: its
+// result comes from malloc() and is freed with free(). Lists from listFiles_/listDirs_ are
+// given back with releaseList_().
+//
+// Errors: status values are bit masks (see KSStatus.h). Exceptions thrown by an operation
+// (KSException and its family, kelp::db::DBException) pass through to the caller.
+//
+// Thread safety: every function may be called from many threads at once.
+
+#include <ctime>
+#include <list>
+#include <string>
+
+#include "RhExport.h"
+
+struct utimbuf;
+namespace kelp {
+namespace db {
+class DBConnector;
+}
+}  // namespace kelp
+using kelp::db::DBConnector;
+
+extern "C" {
+
+RH_EXPORT char* createDirectory_(const char* repository, const char* resource, int* status,
+                                 int* secondStatus, bool flag1, bool flag2, bool flag3,
+                                 DBConnector* db);
+RH_EXPORT char* createLocation_(const char* repository, const char* resource, int* status,
+                                int* existed, bool noDirty, DBConnector* db);
+RH_EXPORT char* getLocation_(const char* repository, const char* resource, int* status, bool touch,
+                             bool lock, bool useCallback, bool onlyIfDirty, DBConnector* db);
+RH_EXPORT int getLocations_(const char* repository, const char* resource,
+                            std::list<std::string>* locations, bool flag1, bool flag2,
+                            DBConnector* db);
+RH_EXPORT char* getLocationOnMount_(const char* repository, const char* resource,
+                                    const char* mount, int* status, bool lock, DBConnector* db,
+                                    bool touch);
+RH_EXPORT int getRepositoryStatus_(const char* repository, DBConnector* db);
+RH_EXPORT int checkResourceStatus_(const char* repository, const char* resource, DBConnector* db);
+RH_EXPORT int removeResource_(const char* repository, const char* resource, bool lock,
+                              bool useCallback, DBConnector* db);
+RH_EXPORT int removeResourceOnMount_(const char* repository, const char* resource,
+                                     const char* mount, bool lock, bool useCallback,
+                                     DBConnector* db);
+RH_EXPORT char** listFiles_(const char* repository, long* count, bool flag, DBConnector* db);
+RH_EXPORT char** listDirs_(const char* repository, long* count, bool flag, DBConnector* db);
+RH_EXPORT void releaseList_(char** list, long count);
+RH_EXPORT int createToLegacy_(const char* repository, const char* resource, DBConnector* db);
+RH_EXPORT void makeEmpty_(const char* repository, DBConnector* db);
+RH_EXPORT void rndMount_(const char* repository, DBConnector* db);
+RH_EXPORT int MountUnmount_(const char* repository, int mountIndex, bool mount, DBConnector* db);
+RH_EXPORT int giveBackMounts_(const char* repository, DBConnector* db);
+RH_EXPORT std::list<std::string>* getDeletedDirs_(const char* repository, DBConnector* db);
+RH_EXPORT void checkOverload_(const char* repository, bool verbose, bool night, DBConnector* db);
+RH_EXPORT int freeMount_(const char* repository, const char* mount, bool flag, DBConnector* db);
+RH_EXPORT int getTimeProperties_(const char* repository, const char* resource,
+                                 struct utimbuf* times, DBConnector* db);
+RH_EXPORT bool setTimeProperties_(const char* repository, const char* resource,
+                                  const struct utimbuf* times, DBConnector* db);
+RH_EXPORT int lockResource_(const char* repository, const char* resource, DBConnector* db);
+RH_EXPORT int unlockResource_(const char* repository, const char* resource, DBConnector* db);
+RH_EXPORT int isDirty_(const char* repository, const char* resource, DBConnector* db);
+RH_EXPORT void setDirty_(const char* repository, const char* resource, bool dirty,
+                         DBConnector* db);
+RH_EXPORT char* getMountPathForDirectory_(const char* repository, const char* directory,
+                                          DBConnector* db);
+RH_EXPORT char* getMountFromPath_(const char* repository, const char* path, DBConnector* db);
+RH_EXPORT char* unAge_(const char* repository, const char* resource, DBConnector* db);
+RH_EXPORT time_t setup_(const char* repository, DBConnector* db);
+RH_EXPORT void release(char* text);
+RH_EXPORT void release_(char* text);
+RH_EXPORT char* convertToHashed_(const char* path, bool hashLast);
+RH_EXPORT char* convertToHashed(const char* path, bool hashLast);
+RH_EXPORT int createHashDirectory(const char* legacyRoot, const char* mountRoot,
+                                  const char* relPath);
+RH_EXPORT int removeHashDirectory(const char* legacyRoot, const char* mountRoot,
+                                  const char* relPath);
+RH_EXPORT int createHashDirectoryForFile(const char* mountRoot, const char* relFile);
+RH_EXPORT int removeHashDirectoryForFile(const char* mountRoot, const char* relFile);
+RH_EXPORT char* normalize_file_name(const char* path);
+
+}  // extern "C"
