@@ -1,0 +1,169 @@
+#include "KSProperties.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+
+#include "KSAssertionException.h"
+
+namespace {
+
+const char* const kSourceFile = "backend/imutils/src/KSProperties";
+constexpr size_t kLinePiece = 65536;
+
+// Closes the FILE* it owns; one owner per stream.
+class FileCloser {
+  public:
+    explicit FileCloser(FILE* f) : f_(f) {}
+    ~FileCloser() {
+        if (f_ != nullptr) fclose(f_);
+    }
+    FileCloser(const FileCloser&) = delete;
+    FileCloser& operator=(const FileCloser&) = delete;
+    FILE* get() const { return f_; }
+    // Closes now and reports whether every buffered byte reached the file.
+    bool close() {
+        FILE* f = f_;
+        f_ = nullptr;
+        return f == nullptr || fclose(f) == 0;
+    }
+
+  private:
+    FILE* f_;
+};
+
+}  // namespace
+
+// ---- KSProperty ----
+
+std::unique_ptr<char[]> KSProperty::copyOf(const char* str) {
+    if (str == nullptr) throw KSAssertionException("str", __LINE__, kSourceFile);
+    size_t n = strlen(str) + 1;
+    std::unique_ptr<char[]> copy(new char[n]);
+    memcpy(copy.get(), str, n);
+    return copy;
+}
+
+KSProperty::KSProperty(const char* name, const char* value)
+    : name_(copyOf(name)), value_(copyOf(value)) {}
+
+KSProperty::KSProperty(const KSProperty& other)
+    : name_(copyOf(other.name_.get())), value_(copyOf(other.value_.get())) {}
+
+KSProperty& KSProperty::operator=(const KSProperty& other) {
+    if (this != &other) {
+        auto name = copyOf(other.name_.get());
+        auto value = copyOf(other.value_.get());
+        name_ = std::move(name);
+        value_ = std::move(value);
+    }
+    return *this;
+}
+
+void KSProperty::setValue(const char* value) {
+    if (value == nullptr) throw KSAssertionException("value", __LINE__, kSourceFile);
+    value_ = copyOf(value);
+}
+
+// ---- KSProperties ----
+
+KSProperties::KSProperties(KSProperties&& other) noexcept : entries_(std::move(other.entries_)) {
+    other.entries_.clear();
+}
+
+KSProperties& KSProperties::operator=(KSProperties&& other) noexcept {
+    if (this != &other) {
+        entries_ = std::move(other.entries_);
+        other.entries_.clear();
+    }
+    return *this;
+}
+
+char* KSProperties::skipWhiteSpaces(char* p) {
+    while (*p != '\0' && isspace(static_cast<unsigned char>(*p))) ++p;
+    return p;
+}
+
+char* KSProperties::trim(char* p) {
+    p = skipWhiteSpaces(p);
+    size_t n = strlen(p);
+    while (n > 0 && isspace(static_cast<unsigned char>(p[n - 1]))) p[--n] = '\0';
+    return p;
+}
+
+char* KSProperties::replace(char* p, char from, char to) {
+    for (char* c = p; *c != '\0'; ++c)
+        if (*c == from) *c = to;
+    return p;
+}
+
+char* KSProperties::getNextValue(char*& p, char separator) {
+    char* sep = strchr(p, separator);
+    if (sep == nullptr) return nullptr;
+    *sep = '\0';
+    char* before = p;
+    p = sep + 1;
+    return trim(before);
+}
+
+void KSProperties::parseLine(char* line) {
+    char* p = skipWhiteSpaces(line);
+    if (*p == '\0' || *p == '#') return;
+    char* name = getNextValue(p, '=');
+    if (name == nullptr || *name == '\0') return;
+    char* value = trim(replace(p, '"', ' '));
+    setProperty(name, value);
+}
+
+bool KSProperties::load(const char* filename) {
+    if (filename == nullptr) throw KSAssertionException("filename", __LINE__, kSourceFile);
+    FileCloser file(fopen(filename, "rb"));
+    if (file.get() == nullptr) return false;
+    std::unique_ptr<char[]> buffer(new char[kLinePiece]);
+    while (fgets(buffer.get(), kLinePiece, file.get()) != nullptr) parseLine(buffer.get());
+    return true;
+}
+
+bool KSProperties::write(const char* filename) const {
+    if (filename == nullptr) throw KSAssertionException("filename", __LINE__, kSourceFile);
+    FileCloser file(fopen(filename, "wb"));
+    if (file.get() == nullptr)
+        throw KSAssertionException("f", __LINE__, kSourceFile,
+                                   "could not open %s in KSProperties::write", filename);
+    for (const KSProperty& entry : entries_)
+        fprintf(file.get(), "%s=\"%s\"\n", entry.getName(), entry.getValue());
+    file.close();
+    return true;
+}
+
+KSProperty* KSProperties::find(const char* name) {
+    for (KSProperty& entry : entries_)
+        if (strcmp(entry.getName(), name) == 0) return &entry;
+    return nullptr;
+}
+
+const char* KSProperties::getProperty(const char* name) const {
+    if (name == nullptr) throw KSAssertionException("name", __LINE__, kSourceFile);
+    for (const KSProperty& entry : entries_)
+        if (strcmp(entry.getName(), name) == 0) return entry.getValue();
+    return nullptr;
+}
+
+void KSProperties::setProperty(const char* name, const char* value) {
+    if (name == nullptr) throw KSAssertionException("name", __LINE__, kSourceFile);
+    if (value == nullptr) throw KSAssertionException("value", __LINE__, kSourceFile);
+    if (KSProperty* entry = find(name))
+        entry->setValue(value);
+    else
+        entries_.emplace_back(name, value);
+}
+
+void KSProperties::remove(const char* name) {
+    if (name == nullptr) throw KSAssertionException("name", __LINE__, kSourceFile);
+    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+        if (strcmp(it->getName(), name) == 0) {
+            entries_.erase(it);
+            return;
+        }
+    }
+}
