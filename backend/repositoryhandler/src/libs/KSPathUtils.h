@@ -27,6 +27,8 @@ std::string resourceLocation(const std::string& mountPath, const char* resource)
 // A single path component that is safe to place on a mount: not empty, not "." or "..",
 // no slash, no NUL. Names failing this are refused by every operation.
 bool isSafeResourceName(const char* resource);
+// The strerror text of `error` (thread-safe).
+std::string errnoText(int error);
 
 bool exists(const char* path);
 bool isNotLink(const char* path);
@@ -45,6 +47,7 @@ int listDir(const char* path, std::list<std::string>* names, bool plainOpen,
 void touchHashedDirs(const char* path);
 void clearEmptyHash(const char* path);
 
+// Relative paths with a "." or ".." component are refused (logged): create returns 1, remove -1.
 int createDirectory(const char* legacyRoot, const char* mountRoot, const char* relPath);
 int removeDirectory(const char* legacyRoot, const char* mountRoot, const char* relPath);
 int createDirectoryForFile(const char* mountRoot, const char* relFile);

@@ -1,0 +1,525 @@
+#include "KSPathUtils.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "KSAssertionException.h"
+#include "KSLogger.h"
+#include "repohandler.h"
+
+namespace {
+
+const char kAssertFile[] = "backend/repositoryhandler/src/libs/KSRepositoryHandler";
+
+// The hash alphabet; its order fixes where every resource lives on disk.
+const char sHashTable[] = "QWERTYUIOPASDFGHJKLZXCVBNM1234567890_";
+constexpr unsigned kHashTableSize = sizeof(sHashTable) - 1;
+constexpr size_t kPrefixLength = 9;
+
+// Writes the "AB/CD/EF/" prefix of the first `length` bytes of `name` into `out`.
+void hashPrefix(const char* name, size_t length, char* out) {
+    uint32_t sums[6] = {0, 0, 0, 0, 0, 0};
+    for (size_t i = 1; i <= length; ++i) {
+        const uint32_t c = static_cast<unsigned char>(name[i - 1]);
+        for (uint32_t k = 0; k < 6; ++k) {
+            const uint32_t weight = static_cast<uint32_t>(i) + k;
+            sums[k] += weight * weight * c;
+        }
+    }
+    size_t pos = 0;
+    for (int k = 0; k < 6; ++k) {
+        out[pos++] = sHashTable[(sums[k] & 0xFF) % kHashTableSize];
+        if (k % 2 == 1) out[pos++] = '/';
+    }
+}
+
+void appendHashed(std::string& out, const char* component, size_t length) {
+    char prefix[kPrefixLength];
+    hashPrefix(component, length, prefix);
+    out.append(prefix, kPrefixLength);
+    out.append(component, length);
+}
+
+std::string hashedPath(const char* path, bool hashLast) {
+    std::string out;
+    if (path == nullptr) return out;
+    const char* start = path;
+    for (const char* p = path; *p != '\0'; ++p) {
+        if (*p != '/') continue;
+        if (p > start) {
+            appendHashed(out, start, static_cast<size_t>(p - start));
+            out.push_back('/');
+        }
+        start = p + 1;
+    }
+    const size_t lastLength = strlen(start);
+    if (lastLength > 0) {
+        if (hashLast) {
+            appendHashed(out, start, lastLength);
+        } else {
+            out.append(start, lastLength);
+        }
+    }
+    return out;
+}
+
+char* newCopy(const std::string& text) {
+    char* copy = new char[text.size() + 1];
+    memcpy(copy, text.c_str(), text.size() + 1);
+    return copy;
+}
+
+// The prefix up to and including the last slash; empty when there is none.
+std::string baseDirOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+}
+
+bool hasSlash(const char* path) {
+    return path != nullptr && strchr(path, '/') != nullptr;
+}
+
+// True when some component of `path` is "." or "..": such a relative path could leave the
+// directory it is joined to (on the legacy side, where components are not hashed).
+bool hasDotComponent(const char* path) {
+    const char* start = path;
+    for (const char* p = path;; ++p) {
+        if (*p == '/' || *p == '\0') {
+            const size_t length = static_cast<size_t>(p - start);
+            if ((length == 1 && start[0] == '.') ||
+                (length == 2 && start[0] == '.' && start[1] == '.')) {
+                return true;
+            }
+            if (*p == '\0') return false;
+            start = p + 1;
+        }
+    }
+}
+
+bool refuseDotComponents(const char* function, const char* relPath) {
+    if (relPath == nullptr || !hasDotComponent(relPath)) return false;
+    rh_logger.errorLog("%s refuses the relative path '%s': it names '.' or '..'", function,
+                       relPath);
+    return true;
+}
+
+// rmdir on mountBase + path, then on each parent hash level up to the first of the mount.
+// -1 when the first rmdir failed, else 0. `afterEach` runs after every attempt.
+template <typename AfterEach>
+int removeLevels(const std::string& mountBase, std::string path, AfterEach afterEach) {
+    bool first = true;
+    while (true) {
+        const int result = rmdir((mountBase + path).c_str());
+        afterEach();
+        if (result != 0) return first ? -1 : 0;
+        first = false;
+        char* parent = parentDir(path.c_str());
+        if (parent == nullptr) return 0;
+        path = parent;
+        delete[] parent;
+    }
+}
+
+std::string cwdText(bool* ok) {
+    char buffer[4096];
+    *ok = getcwd(buffer, sizeof(buffer)) != nullptr;
+    return *ok ? std::string(buffer) : std::string();
+}
+
+}  // namespace
+
+std::string errnoText(int error) {
+    char buffer[256];
+    // GNU strerror_r may return a static text instead of filling the buffer.
+    return strerror_r(error, buffer, sizeof(buffer));
+}
+
+// ---- hashing and strings ------------------------------------------------------------------
+
+char* createHash(const char* name) {
+    const size_t length = name == nullptr ? 0 : strlen(name);
+    char* result = new char[length + kPrefixLength + 1];
+    hashPrefix(name, length, result);
+    if (length > 0) memcpy(result + kPrefixLength, name, length);
+    result[kPrefixLength + length] = '\0';
+    return result;
+}
+
+char* convertToHashed_(const char* path, bool hashLast) {
+    return newCopy(hashedPath(path, hashLast));
+}
+
+char* append0(const char* a, const char* b) {
+    const size_t la = a == nullptr ? 0 : strlen(a);
+    const size_t lb = b == nullptr ? 0 : strlen(b);
+    char* result = new char[la + lb + 1];
+    if (la > 0) memcpy(result, a, la);
+    if (lb > 0) memcpy(result + la, b, lb);
+    result[la + lb] = '\0';
+    return result;
+}
+
+char* append(char* a, const char* b) {
+    char* result = append0(a, b);
+    delete[] a;
+    return result;
+}
+
+char* baseDir(const char* path) {
+    if (path == nullptr) return nullptr;
+    const char* slash = strrchr(path, '/');
+    if (slash == nullptr) return nullptr;
+    return newCopy(std::string(path, static_cast<size_t>(slash - path) + 1));
+}
+
+char* parentDir(const char* path) {
+    char* base = baseDir(path);
+    if (base == nullptr) return nullptr;
+    base[strlen(base) - 1] = 'x';
+    char* parent = baseDir(base);
+    delete[] base;
+    return parent;
+}
+
+char* toResourceID(const char* repository, const char* resource) {
+    std::string id = "KSRepositoryHandler-";
+    id += repository == nullptr ? "" : repository;
+    id += "-";
+    id += resource == nullptr ? "" : resource;
+    for (char& c : id) {
+        if (c == '/') c = '_';
+    }
+    return newCopy(id);
+}
+
+std::string resourceLocation(const std::string& mountPath, const char* resource) {
+    std::string name = resource == nullptr ? "" : resource;
+    if (name.empty() || name.back() != '/') name.push_back('/');
+    std::string hashed = hashedPath(name.c_str(), false);
+    if (!hashed.empty()) hashed.pop_back();
+    return mountPath + "/" + hashed;
+}
+
+bool isSafeResourceName(const char* resource) {
+    if (resource == nullptr || resource[0] == '\0') return false;
+    if (strcmp(resource, ".") == 0 || strcmp(resource, "..") == 0) return false;
+    return strchr(resource, '/') == nullptr;
+}
+
+char* normalize_file_name(const char* path) {
+    if (path == nullptr) return nullptr;
+    bool ok = true;
+    std::string start;
+    if (path[0] != '/') {
+        start = cwdText(&ok);
+        if (!ok) return nullptr;
+    }
+    if (path[0] == '\0' && start.empty()) start = "/";
+    std::string result;
+    if (path[0] == '\0') {
+        result = start;
+    } else {
+        result = start;
+        const char* begin = path;
+        for (const char* p = path;; ++p) {
+            if (*p != '/' && *p != '\0') continue;
+            const std::string component(begin, static_cast<size_t>(p - begin));
+            if (component == "..") {
+                const size_t slash = result.rfind('/');
+                if (slash != std::string::npos) result.resize(slash);
+            } else if (!component.empty() && component != ".") {
+                result += "/";
+                result += component;
+            }
+            if (*p == '\0') break;
+            begin = p + 1;
+        }
+        if (result.empty()) result = "/";
+    }
+    char* out = static_cast<char*>(malloc(result.size() + 1));
+    if (out == nullptr) return nullptr;
+    memcpy(out, result.c_str(), result.size() + 1);
+    return out;
+}
+
+// ---- file-system helpers ----------------------------------------------------------------
+
+bool exists(const char* path) {
+    return path != nullptr && access(path, F_OK) == 0;
+}
+
+bool isNotLink(const char* path) {
+    if (path == nullptr) return false;
+    char buffer[1];
+    return readlink(path, buffer, sizeof(buffer)) < 0 && errno == EINVAL;
+}
+
+bool isDangling(const char* path) {
+    if (path == nullptr) return true;
+    std::string linkPath = path;
+    if (!linkPath.empty() && linkPath.back() == '/') linkPath.pop_back();
+    std::string buffer(100, '\0');
+    while (true) {
+        const ssize_t length = readlink(linkPath.c_str(), &buffer[0], buffer.size());
+        if (length < 0) return true;
+        if (static_cast<size_t>(length) < buffer.size()) {
+            buffer.resize(static_cast<size_t>(length));
+            break;
+        }
+        buffer.resize(buffer.size() * 2);
+    }
+    return !exists(buffer.c_str());
+}
+
+void mylink(const char* legacyRoot, const char* mountRoot, const char* relPath) {
+    char* legacy = baseDir(legacyRoot);
+    char* mount = baseDir(mountRoot);
+    char* rel = baseDir(relPath);
+    if (legacy != nullptr && mount != nullptr && rel != nullptr && !hasDotComponent(rel)) {
+        const std::string relDir = rel;
+        for (size_t p = relDir.find('/'); p != std::string::npos; p = relDir.find('/', p + 1)) {
+            const std::string entry = legacy + relDir.substr(0, p);
+            if (exists(entry.c_str())) continue;
+            const std::string target = mount + hashedPath(relDir.substr(0, p + 1).c_str(), false);
+            if (symlink(target.c_str(), entry.c_str()) != 0) {
+                rh_logger.debugLog("Legacy link %s -> %s not created: %s", entry.c_str(),
+                                   target.c_str(), errnoText(errno).c_str());
+            }
+        }
+    }
+    delete[] legacy;
+    delete[] mount;
+    delete[] rel;
+}
+
+int myunlink(const char* path) {
+    if (path == nullptr) return -1;
+    std::string target = path;
+    if (!target.empty() && target.back() == '/') target.pop_back();
+    return unlink(target.c_str());
+}
+
+int mkdirs(const char* path, mode_t mode) {
+    if (path == nullptr || path[0] == '\0') return -1;
+    std::string copy = path;
+    for (size_t slash = copy.find('/', 1); slash != std::string::npos;
+         slash = copy.find('/', slash + 1)) {
+        const std::string prefix = copy.substr(0, slash);
+        // Another thread or process may create the same hash level between the check and the
+        // mkdir; EEXIST then means the level is there, which is all that is needed.
+        if (!exists(prefix.c_str()) && mkdir(prefix.c_str(), mode) != 0 && errno != EEXIST) {
+            return -1;
+        }
+    }
+    if (!exists(path)) mkdir(path, mode);
+    return 0;
+}
+
+int myStat(const char* path, struct stat* out) {
+    if (path == nullptr) {
+        throw KSAssertionException("resource", __LINE__, kAssertFile,
+                                   "null resource parameter in myStat");
+    }
+    if (out == nullptr) {
+        throw KSAssertionException("resStat", __LINE__, kAssertFile,
+                                   "null resStat parameter in myStat");
+    }
+    if (stat(path, out) == 0) return 0;
+    const int error = errno;
+    rh_logger.errorLog("The resource \"%s\" can not be stat-ed. Error code is %d - %s", path, error,
+                       errnoText(error).c_str());
+    return 8;
+}
+
+int isDir(const char* path, bool* isDirectory, struct stat* known) {
+    if (known != nullptr) {
+        *isDirectory = S_ISDIR(known->st_mode);
+        return 0;
+    }
+    struct stat st;
+    const int result = myStat(path, &st);
+    if (result == 0) *isDirectory = S_ISDIR(st.st_mode);
+    return result;
+}
+
+time_t lastAccess(const char* path, struct stat* known) {
+    struct stat st;
+    if (known == nullptr) {
+        if (myStat(path, &st) != 0) return -1;
+        known = &st;
+    }
+    return known->st_atime > known->st_mtime ? known->st_atime : known->st_mtime;
+}
+
+time_t lastModified(const char* path) {
+    struct stat st;
+    if (myStat(path, &st) != 0) return -1;
+    return st.st_mtime;
+}
+
+time_t lastModified2(const char* path) {
+    if (path == nullptr) {
+        throw KSAssertionException("file", __LINE__, kAssertFile,
+                                   "null file parameter in lastModified2");
+    }
+    struct stat st;
+    if (stat(path, &st) == 0) return st.st_mtime;
+    const int error = errno;
+    if (error == ENOENT) return 0;
+    rh_logger.errorLog("The file \"%s\" can not be stat-ed. Error code is %d - %s", path, error,
+                       errnoText(error).c_str());
+    return -1;
+}
+
+long getSize(const char* path, struct stat* known) {
+    struct stat st;
+    if (known == nullptr) {
+        if (myStat(path, &st) != 0) return -1;
+        known = &st;
+    }
+    long total = static_cast<long>(known->st_blocks);
+    if (!S_ISDIR(known->st_mode)) return total;
+    std::list<std::string> entries;
+    listDir(path, &entries, true, false);
+    const std::string base = std::string(path) + "/";
+    for (const std::string& entry : entries) {
+        const long size = getSize((base + entry).c_str(), nullptr);
+        if (size < 0) return -1;
+        total += size;
+    }
+    return total;
+}
+
+namespace {
+
+// Owns a DIR* (and with it the descriptor fdopendir took over).
+class DirHandle {
+  public:
+    explicit DirHandle(DIR* dir) : dir_(dir) {}
+    ~DirHandle() {
+        if (dir_ != nullptr) closedir(dir_);
+    }
+    DirHandle(const DirHandle&) = delete;
+    DirHandle& operator=(const DirHandle&) = delete;
+    DIR* get() const { return dir_; }
+
+  private:
+    DIR* dir_;
+};
+
+DIR* openDirectory(const char* path, bool plainOpen) {
+    if (plainOpen) return opendir(path);
+    // O_NOATIME keeps scans from changing access times, which serve as resource ages.
+    // It is refused (EPERM) for files of other owners unless the caller is privileged.
+    int fd = open(path, O_RDONLY | O_DIRECTORY | O_NOATIME | O_CLOEXEC);
+    if (fd < 0 && errno == EPERM) fd = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    DIR* dir = fdopendir(fd);
+    if (dir == nullptr) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+    }
+    return dir;
+}
+
+}  // namespace
+
+int listDir(const char* path, std::list<std::string>* names, bool plainOpen, bool skipDirectories) {
+    if (path == nullptr || names == nullptr)
+        return names == nullptr ? 0 : static_cast<int>(names->size());
+    DirHandle dir(openDirectory(path, plainOpen));
+    if (dir.get() == nullptr) {
+        const int error = errno;
+        rh_logger.errorLog("listDir could not open '%s'; errno : %d (%s)\n", path, error,
+                           errnoText(error).c_str());
+        return 0;
+    }
+    while (const dirent* entry = readdir(dir.get())) {
+        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
+        if (skipDirectories && entry->d_type == DT_DIR) continue;
+        names->emplace_back(entry->d_name);
+    }
+    return static_cast<int>(names->size());
+}
+
+void touchHashedDirs(const char* path) {
+    if (path == nullptr) return;
+    std::string current = path;
+    for (int level = 0; level < 4; ++level) {
+        const size_t slash = current.rfind('/');
+        if (slash == std::string::npos) return;
+        current.resize(slash);
+        if (exists(current.c_str())) utime(current.c_str(), nullptr);
+    }
+}
+
+void clearEmptyHash(const char* path) {
+    if (path == nullptr || exists(path)) return;
+    std::string current = path;
+    for (int cut = 0; cut < 3; ++cut) {
+        const size_t slash = current.rfind('/');
+        if (slash == std::string::npos) return;
+        current.resize(slash);
+        if (remove(current.c_str()) != 0) return;
+    }
+}
+
+// ---- directories on a mount -----------------------------------------------------------------
+
+int createDirectory(const char* legacyRoot, const char* mountRoot, const char* relPath) {
+    if (!hasSlash(relPath)) return 1;
+    if (!hasSlash(mountRoot)) return 2;
+    if (refuseDotComponents("createDirectory", relPath)) return 1;
+    const std::string target = baseDirOf(mountRoot) + hashedPath(baseDirOf(relPath).c_str(), false);
+    mkdirs(target.c_str(), 0755);
+    if (legacyRoot != nullptr) mylink(legacyRoot, mountRoot, relPath);
+    return 0;
+}
+
+int removeDirectory(const char* legacyRoot, const char* mountRoot, const char* relPath) {
+    if (relPath == nullptr || !hasSlash(mountRoot)) return -1;
+    if (refuseDotComponents("removeDirectory", relPath)) return -1;
+    const std::string mountBase = baseDirOf(mountRoot);
+    const std::string legacyBase = hasSlash(legacyRoot) ? baseDirOf(legacyRoot) : std::string();
+    std::string legacy = baseDirOf(relPath);
+    bool haveLegacy = legacyRoot != nullptr && !legacy.empty();
+    auto cleanLegacy = [&]() {
+        while (haveLegacy && isDangling((legacyBase + legacy).c_str())) {
+            myunlink((legacyBase + legacy).c_str());
+            char* parent = parentDir(legacy.c_str());
+            if (parent == nullptr) {
+                haveLegacy = false;
+                return;
+            }
+            legacy = parent;
+            delete[] parent;
+        }
+    };
+    return removeLevels(mountBase, hashedPath(relPath, false), cleanLegacy);
+}
+
+int createDirectoryForFile(const char* mountRoot, const char* relFile) {
+    if (!hasSlash(mountRoot)) return 2;
+    const std::string directory = baseDirOf(hashedPath(relFile, true));
+    if (directory.empty()) return 1;
+    if (refuseDotComponents("createDirectoryForFile", relFile)) return 1;
+    mkdirs((baseDirOf(mountRoot) + directory).c_str(), 0755);
+    return 0;
+}
+
+int removeDirectoryForFile(const char* mountRoot, const char* relFile) {
+    if (!hasSlash(mountRoot)) return -1;
+    const std::string directory = baseDirOf(hashedPath(relFile, true));
+    if (directory.empty()) return -1;
+    if (refuseDotComponents("removeDirectoryForFile", relFile)) return -1;
+    return removeLevels(baseDirOf(mountRoot), directory, [] {});
+}

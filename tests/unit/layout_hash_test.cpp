@@ -1,0 +1,166 @@
+// The hash, the hashed form of names and paths, and the string helpers of the layout.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "KSPathUtils.h"
+#include "repohandler.h"
+
+namespace {
+
+struct ArrayDeleter {
+    void operator()(char* p) const { delete[] p; }
+};
+using Text = std::unique_ptr<char[], ArrayDeleter>;
+
+// The text of a new[] result, or "<null>".
+std::string take(char* result) {
+    Text owned(result);
+    return owned ? std::string(owned.get()) : std::string("<null>");
+}
+
+std::string normalized(const char* path) {
+    std::unique_ptr<char, decltype(&free)> owned(normalize_file_name(path), &free);
+    return owned ? std::string(owned.get()) : std::string("<null>");
+}
+
+std::string cwd() {
+    char buffer[4096];
+    return getcwd(buffer, sizeof(buffer)) ? buffer : "";
+}
+
+struct HashCase {
+    const char* name;
+    const char* expected;
+};
+
+TEST(LayoutHash, createHashPlacesTheNameBehindItsThreeLevelPrefix) {
+    const HashCase cases[] = {
+        {"a", "BC/6J/AJ/a"},   {"study1", "SH/D_/Z4/study1"},
+        {"AB", "_D/6Z/FF/AB"}, {"1.2.3.4.5", "LB/28/WO/1.2.3.4.5"},
+        {"", "QQ/QQ/QQ/"},
+    };
+    for (const HashCase& c : cases) {
+        EXPECT_EQ(take(createHash(c.name)), c.expected) << "name '" << c.name << "'";
+    }
+}
+
+TEST(LayoutHash, createHashUsesBytesAboveAsciiAsUnsignedValues) {
+    // Signed chars would give negative products and other buckets; the prefix must only ever
+    // hold alphabet characters and slashes at fixed places.
+    const std::string hashed = take(createHash("\xc3\xa9t\xc3\xa9"));
+    ASSERT_EQ(hashed.size(), 9u + 5u);
+    for (size_t i : {2u, 5u, 8u}) EXPECT_EQ(hashed[i], '/');
+    for (size_t i : {0u, 1u, 3u, 4u, 6u, 7u}) {
+        EXPECT_NE(std::string("QWERTYUIOPASDFGHJKLZXCVBNM1234567890_").find(hashed[i]),
+                  std::string::npos);
+    }
+    // Sums of long names wrap; only their low bytes count, so the result is deterministic.
+    const std::string longName(100000, '\xff');
+    EXPECT_EQ(take(createHash(longName.c_str())), take(createHash(longName.c_str())));
+}
+
+struct ConvertCase {
+    const char* path;
+    bool hashLast;
+    const char* expected;
+};
+
+TEST(LayoutHash, convertToHashedHashesEveryDirectoryComponent) {
+    const ConvertCase cases[] = {
+        {"study1/", false, "SH/D_/Z4/study1/"},
+        {"/study1//", false, "SH/D_/Z4/study1/"},
+        {"study1", false, "study1"},
+        {"study1", true, "SH/D_/Z4/study1"},
+        {"a/study1/", false, "BC/6J/AJ/a/SH/D_/Z4/study1/"},
+        {"study1/a", true, "SH/D_/Z4/study1/BC/6J/AJ/a"},
+        {"study1/a", false, "SH/D_/Z4/study1/a"},
+        {"", true, ""},
+        {"///", false, ""},
+    };
+    for (const ConvertCase& c : cases) {
+        EXPECT_EQ(take(convertToHashed_(c.path, c.hashLast)), c.expected)
+            << "path '" << c.path << "' hashLast " << c.hashLast;
+        EXPECT_EQ(take(convertToHashed(c.path, c.hashLast)), c.expected) << "exported name";
+    }
+}
+
+TEST(LayoutHash, resourceLocationJoinsMountAndHashedDirectoryWithoutTrailingSlash) {
+    EXPECT_EQ(resourceLocation("/m/p1", "study1"), "/m/p1/SH/D_/Z4/study1");
+    EXPECT_EQ(resourceLocation("/m/p1", "study1/"), "/m/p1/SH/D_/Z4/study1");
+}
+
+TEST(LayoutHash, onlySinglePlainComponentsAreSafeResourceNames) {
+    EXPECT_TRUE(isSafeResourceName("1.2.840.113619"));
+    EXPECT_TRUE(isSafeResourceName("..."));
+    EXPECT_TRUE(isSafeResourceName(".hidden"));
+    for (const char* bad : {"", ".", "..", "a/b", "/a", "a/", "../etc"}) {
+        EXPECT_FALSE(isSafeResourceName(bad)) << bad;
+    }
+    EXPECT_FALSE(isSafeResourceName(nullptr));
+}
+
+struct DirCase {
+    const char* path;
+    const char* base;
+    const char* parent;
+};
+
+TEST(LayoutHash, baseDirAndParentDirCutAtSlashes) {
+    const DirCase cases[] = {
+        {"a/b/c", "a/b/", "a/"},
+        {"a/b/", "a/b/", "a/"},
+        {"a/", "a/", "<null>"},
+        {"/x", "/", "<null>"},
+        {"/", "/", "<null>"},
+        {"study1", "<null>", "<null>"},
+        {"/m/AB/CD/", "/m/AB/CD/", "/m/AB/"},
+    };
+    for (const DirCase& c : cases) {
+        EXPECT_EQ(take(baseDir(c.path)), c.base) << c.path;
+        EXPECT_EQ(take(parentDir(c.path)), c.parent) << c.path;
+    }
+    EXPECT_EQ(take(baseDir(nullptr)), "<null>");
+    EXPECT_EQ(take(parentDir(nullptr)), "<null>");
+}
+
+TEST(LayoutHash, appendJoinsTextsAndAppend0KeepsItsArguments) {
+    const char* left = "/mnt/";
+    EXPECT_EQ(take(append0(left, "AB/")), "/mnt/AB/");
+    EXPECT_STREQ(left, "/mnt/");
+    char* grown = append0("x", "");
+    grown = append(grown, "y");
+    grown = append(grown, "z");
+    EXPECT_EQ(take(grown), "xyz");
+}
+
+TEST(LayoutHash, normalizeFileNameResolvesDotsLexically) {
+    EXPECT_EQ(normalized("/a/./b/../../.."), "/");
+    EXPECT_EQ(normalized("/a//b/"), "/a/b");
+    EXPECT_EQ(normalized("/a/b/../c"), "/a/c");
+    EXPECT_EQ(normalized("/"), "/");
+    EXPECT_EQ(normalized("rel/x"), cwd() + "/rel/x");
+    EXPECT_EQ(normalized(""), cwd());
+    EXPECT_EQ(normalized(nullptr), "<null>");
+}
+
+TEST(LayoutHash, normalizeFileNameDoesNotResolveLinks) {
+    char dir[] = "/tmp/layout_norm_XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string link = std::string(dir) + "/link";
+    ASSERT_EQ(symlink("/usr", link.c_str()), 0);
+    EXPECT_EQ(normalized((link + "/../other").c_str()), std::string(dir) + "/other");
+    unlink(link.c_str());
+    rmdir(dir);
+}
+
+TEST(LayoutHash, toResourceIdReplacesSlashesInBothParts) {
+    EXPECT_EQ(take(toResourceID("main", "1.2.3/4")), "KSRepositoryHandler-main-1.2.3_4");
+    EXPECT_EQ(take(toResourceID("/data/repo", "s")), "KSRepositoryHandler-_data_repo-s");
+}
+
+}  // namespace
