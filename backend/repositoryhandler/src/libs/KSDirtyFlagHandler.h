@@ -7,6 +7,7 @@
 // Thread-safe: a mutex guards the set within the process; between processes the file is
 // guarded by a SmartSemaphore named after the file.
 
+#include <atomic>
 #include <ctime>
 #include <mutex>
 #include <set>
@@ -19,7 +20,7 @@ class DBConnector;
 }  // namespace kelp
 
 class KSDirtyFlagHandler {
-public:
+  public:
     KSDirtyFlagHandler() = default;
     KSDirtyFlagHandler(const KSDirtyFlagHandler&) = delete;
     KSDirtyFlagHandler& operator=(const KSDirtyFlagHandler&) = delete;
@@ -37,13 +38,26 @@ public:
     void writeSetFile(kelp::db::DBConnector* connection);
 
     const std::string& filePath() const { return filePath_; }
+    // A copy of the set as this process holds it now (no file access).
     std::set<std::string> snapshot();
 
-private:
+  private:
+    // The file's modification time in nanoseconds: 0 when it does not exist, -1 when it cannot
+    // be stat-ed (logged). Nanoseconds, not seconds, so that a rewrite by another process within
+    // the same second as our last read is still noticed.
+    long long fileStamp() const;
+    // Both expect mutex_ held and the file lock taken.
+    void readLocked();
+    void writeLocked();
+    // Re-reads the file under the file lock when its stamp changed; expects mutex_ held.
+    void refreshLocked(kelp::db::DBConnector* connection);
+
     std::set<std::string> dirty_;
     std::string filePath_;
     bool semaphoreType_ = false;
-    time_t fileMtime_ = 0;
-    time_t lastCheck_ = 0;
+    // The stamp of the file when this process last read or wrote it (0: none). Read without the
+    // mutex as a cheap first test, hence atomic.
+    std::atomic<long long> fileStamp_{0};
+    std::atomic<time_t> lastCheck_{0};
     std::mutex mutex_;
 };
