@@ -2,95 +2,50 @@
 #include <syslog.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <optional>
 #include <string>
 
 #include "KSLogger.h"
+#include "ScopedEnv.h"
 #include "SyslogCapture.h"
 
-namespace {
-
-// Sets (or unsets, for null) an environment variable for the scope and restores it after.
-class EnvVar {
-  public:
-    EnvVar(const char* name, const char* value) : name_(name) {
-        const char* old = getenv(name);
-        if (old != nullptr) old_ = old;
-        if (value != nullptr)
-            setenv(name, value, 1);
-        else
-            unsetenv(name);
-    }
-    ~EnvVar() {
-        if (old_)
-            setenv(name_.c_str(), old_->c_str(), 1);
-        else
-            unsetenv(name_.c_str());
-    }
-
-  private:
-    std::string name_;
-    std::optional<std::string> old_;
-};
-
-}  // namespace
-
-TEST(KSLoggerTest, operatorThenErrorMessageReopensSyslogOnEachChannel) {
-    EnvVar oper("LOG_OPER_FACILITY", "local5");
-    EnvVar ordinary("LOG_FACILITY", "local2");
+TEST(KSLoggerTest, switchingChannelsReopensSyslogWithTheChannelsFacility) {
+    ScopedEnv oper("LOG_OPER_FACILITY", "local5");
+    ScopedEnv ordinary("LOG_FACILITY", "local2");
     SyslogCapture capture;
     KSLogger logger("KSRepositoryHandler");
-    EXPECT_EQ(logger.currentFacility(), 2);
 
     logger.operInfoLog("moved %d resources", 4);
     logger.errorLog("disk %s failed", "/m1");
-
     EXPECT_EQ(capture.openlogCount(), 2);
+    logger.infoLog("info");
+    logger.debugLog("debug");
+    EXPECT_EQ(capture.openlogCount(), 2) << "same channel must not reopen";
+
     auto lines = capture.lines();
-    ASSERT_EQ(lines.size(), 2u);
+    ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[0].text, "moved 4 resources");
-    EXPECT_EQ(lines[0].facility, LOG_LOCAL5);
-    EXPECT_EQ(lines[0].priority, LOG_INFO);
     EXPECT_EQ(lines[0].ident, "KSRepositoryHandler");
     EXPECT_EQ(lines[0].option, LOG_PID);
-    EXPECT_EQ(lines[1].text, "disk /m1 failed");
-    EXPECT_EQ(lines[1].facility, LOG_LOCAL2);
-    EXPECT_EQ(lines[1].priority, LOG_ERR);
-    EXPECT_EQ(logger.currentFacility(), LOG_CHANNEL_ORDINARY);
-}
-
-TEST(KSLoggerTest, messagesOnTheSameChannelOpenSyslogOnce) {
-    EnvVar ordinary("LOG_FACILITY", "local7");
-    SyslogCapture capture;
-    KSLogger logger("same");
-    logger.infoLog("one");
-    logger.errorLog("two");
-    logger.debugLog("three");
-    EXPECT_EQ(capture.openlogCount(), 1);
-    auto lines = capture.lines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0].priority, LOG_INFO);
-    EXPECT_EQ(lines[1].priority, LOG_ERR);
-    EXPECT_EQ(lines[2].priority, LOG_DEBUG);
-    for (const SyslogLine& line : lines) EXPECT_EQ(line.facility, LOG_LOCAL7);
+    const int facilities[] = {LOG_LOCAL5, LOG_LOCAL2, LOG_LOCAL2, LOG_LOCAL2};
+    const int priorities[] = {LOG_INFO, LOG_ERR, LOG_INFO, LOG_DEBUG};
+    for (size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_EQ(lines[i].facility, facilities[i]) << lines[i].text;
+        EXPECT_EQ(lines[i].priority, priorities[i]) << lines[i].text;
+    }
 }
 
 TEST(KSLoggerTest, unknownOrMissingFacilityNamesFallBackToLocal0) {
-    struct Case {
+    struct {
         const char* name;
         int facility;
-    } cases[] = {{"local0", LOG_LOCAL0}, {"local1", LOG_LOCAL1},  {"local3", LOG_LOCAL3},
-                 {"local6", LOG_LOCAL6}, {"local7", LOG_LOCAL7},  {"local9", LOG_LOCAL0},
-                 {"local", LOG_LOCAL0},  {"local33", LOG_LOCAL0}, {"LOCAL3", LOG_LOCAL0},
-                 {"", LOG_LOCAL0},       {nullptr, LOG_LOCAL0}};
-    for (const Case& c : cases)
-        EXPECT_EQ(KSLogger::facilityFromName(c.name), c.facility)
-            << (c.name != nullptr ? c.name : "(unset)");
+    } cases[] = {{"local3", LOG_LOCAL3},  {"local7", LOG_LOCAL7}, {"local9", LOG_LOCAL0},
+                 {"local33", LOG_LOCAL0}, {"LOCAL3", LOG_LOCAL0}, {nullptr, LOG_LOCAL0}};
+    for (const auto& c : cases)
+        EXPECT_EQ(KSLogger::facilityFromName(c.name), c.facility) << (c.name ? c.name : "unset");
 
-    EnvVar ordinary("LOG_FACILITY", "local9");
-    EnvVar oper("LOG_OPER_FACILITY", nullptr);
+    ScopedEnv ordinary("LOG_FACILITY", "local9");
+    ScopedEnv oper("LOG_OPER_FACILITY", nullptr);
     SyslogCapture capture;
     KSLogger logger("fallback");
     logger.infoLog("ordinary");
@@ -101,8 +56,13 @@ TEST(KSLoggerTest, unknownOrMissingFacilityNamesFallBackToLocal0) {
     EXPECT_EQ(lines[1].facility, LOG_LOCAL0);
 }
 
-TEST(KSLoggerTest, missingIdentIsLoggedAsUnknownAndErrnoSurvives) {
+TEST(KSLoggerTest, identIsTheLibrarysOrUnknownAndErrnoSurvivesLogging) {
     SyslogCapture capture;
+    rh_logger.operInfoLog("global %s", "operator");
+    auto global = capture.findEqual("global operator");
+    ASSERT_TRUE(global.has_value());
+    EXPECT_EQ(global->ident, "KSRepositoryHandler");
+
     KSLogger logger(nullptr);
     errno = EACCES;
     logger.errorLog("failed: %m");
@@ -111,18 +71,4 @@ TEST(KSLoggerTest, missingIdentIsLoggedAsUnknownAndErrnoSurvives) {
     ASSERT_TRUE(line.has_value());
     EXPECT_EQ(line->ident, "unknown");
     EXPECT_EQ(line->text, std::string("failed: ") + strerror(EACCES));
-}
-
-TEST(KSLoggerTest, theLibraryLoggerUsesTheRepositoryHandlerIdent) {
-    SyslogCapture capture;
-    rh_logger.operInfoLog("global %s", "operator");
-    rh_logger.infoLog("global %s", "ordinary");
-    auto oper = capture.findEqual("global operator");
-    auto ordinary = capture.findEqual("global ordinary");
-    ASSERT_TRUE(oper.has_value());
-    ASSERT_TRUE(ordinary.has_value());
-    EXPECT_EQ(oper->ident, "KSRepositoryHandler");
-    EXPECT_EQ(oper->option, LOG_PID);
-    EXPECT_EQ(ordinary->ident, "KSRepositoryHandler");
-    EXPECT_EQ(capture.countContaining("global "), 2);
 }

