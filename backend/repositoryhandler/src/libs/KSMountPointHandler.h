@@ -83,8 +83,13 @@ public:
     bool isDedicated();
     // Textual prefix test (a mount /data/p1 also claims /data/p10/x).
     bool isOnThisMount(const char* path) const;
+    // Next batch size of a move pass from the drop in use since the cycle start, clamped to
+    // 100..50000.
     unsigned recalculateCollectNum(unsigned current);
     void writeToLog(const char* text);
+    // Lets the next checkStatus probe the disk even if the mount was found dead less than 300 s
+    // ago (used when an operator brings a mount back).
+    void reprobe();
 
     const std::string& path() const { return path_; }
     const std::string& lastMoveFile() const { return lastMoveFile_; }
@@ -107,7 +112,12 @@ public:
     char* getLocation(const char* resource, int* status, int* mountFlags, bool touch,
                       bool useMountStatus);
     char* createLocation(const char* resource, int* status, bool dirty);
-    char* createDirectory(const char* name, int* status, bool flag1, bool flag2);
+    // As createLocation, and also creates the resource directory itself (mode 0755). A
+    // directory that exists already is returned as it is, unless `exclusive` is set: then it is
+    // an error (status 8, null). The status is `dirty` (0/1) on success.
+    char* createDirectory(const char* name, int* status, bool dirty, bool exclusive);
+    // Deletes the resource from this mount and the hash levels left empty: 4 when the resource
+    // is not here, otherwise the deleter's result (0 or 8).
     int removeResource(const char* resource, bool useCallback);
 
     // ---- candidates and moving (KSMountPointCandidates.cpp, KSMountPointMove.cpp) --------
@@ -126,6 +136,9 @@ public:
 private:
     void loadMovePlugin(const char* library, const char* params);
     void applyConfig(KSProperties& properties);
+    uint32_t markDead(time_t now);
+    uint32_t statusBits(double used) const;
+    static bool onlyEntryBesidesLostFound(const std::string& parent);
 
     std::string path_;
     std::string logPath_;
@@ -135,7 +148,6 @@ private:
     std::atomic<uint32_t> status_{0};
     std::atomic<double> usedPercentage_{0.0};
     double usedAtCycleStart_ = 0.0;
-    double usedBeforeLastPass_ = 0.0;
     time_t configMtime_ = 0;
     std::atomic<time_t> deadSince_{0};
     bool dedicated_ = false;

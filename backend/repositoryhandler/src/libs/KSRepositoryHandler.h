@@ -21,6 +21,7 @@
 //   KSRepositoryStatistics.cpp       writeCalcData, warnMoveTimeWarning, moveTimeWarning
 
 #include <atomic>
+#include <condition_variable>
 #include <csignal>
 #include <ctime>
 #include <functional>
@@ -126,6 +127,9 @@ public:
     // included); returns when it has run on all of them.
     static void parallelRun(MountList& mounts, int threads,
                             const std::function<void(KSMountPointHandler&)>& operation);
+    // The share of parallelRun done by one thread: the mounts at first, first + step, ...
+    static void runInThread(MountList& mounts, int first, int step,
+                            const std::function<void(KSMountPointHandler&)>& operation);
 
     // ---- lookup (KSRepositoryLookup.cpp) --------------------------------------------------
 
@@ -199,7 +203,12 @@ public:
 
 private:
     void resetToDefaults();
+    void clearMountHandlers();
+    bool loadConfig(KSProperties& properties, const std::string& file);
     void readSettings(KSProperties& properties);
+    void readLegacyDir(KSProperties& properties, const char* dir);
+    void readPluginName(KSProperties& properties, const char* key, const char* accepted,
+                        std::string& target);
     void createMountHandlers(const char* mountPoints);
 
     std::string path_;
@@ -219,6 +228,7 @@ private:
     unsigned collectNum_ = 100;
 
     std::mutex mpInitMutex_;
+    std::condition_variable mpInitDone_;
     std::atomic<bool> mpInitialising_{false};
     std::atomic<bool> mpInitialised_{false};
     std::atomic<bool> hasNonFastMount_{false};
@@ -229,6 +239,10 @@ private:
 // Thread-safe: one process-wide reader-writer lock guards the map.
 std::shared_ptr<KSRepositoryHandler> getRepository(kelp::db::DBConnector* db, const char* path,
                                                    bool checkUpToDate);
+
+// Decimal digits only, accumulated in 32-bit unsigned arithmetic; 4294967295 for an empty text,
+// a null or any other character.
+unsigned parseNatInt(const char* text);
 
 // Set by signal_handler (SIGTERM, SIGABRT during an overload check); never cleared.
 extern volatile sig_atomic_t checkoverloadStopped;
