@@ -24,6 +24,8 @@ public:
     ShellCommand& insideDoubleQuotes(const std::string& value);
 
     bool refused() const { return refused_; }
+    // The command built so far; empty once refused, so a refused command run by text() does
+    // nothing.
     const std::string& text() const { return text_; }
 
     // system(): the raw wait status; kRefusedStatus when refused.

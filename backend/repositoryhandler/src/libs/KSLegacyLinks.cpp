@@ -1,0 +1,60 @@
+#include "KSLegacyLinks.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+
+#include "KSLogger.h"
+#include "KSPathUtils.h"
+
+bool checkLink(const char* path, bool& isLink, std::string* target) {
+    struct stat st;
+    if (path == nullptr || lstat(path, &st) != 0) {
+        const int error = path == nullptr ? EINVAL : errno;
+        rh_logger.errorLog("Path to \"%s\" could not be stat-ed. Cause: [%d] %s",
+                           path == nullptr ? "" : path, error, errnoText(error).c_str());
+        return false;
+    }
+    if (!S_ISLNK(st.st_mode)) {
+        isLink = false;
+        return true;
+    }
+    isLink = true;
+    if (target != nullptr) {
+        char resolved[PATH_MAX];
+        if (realpath(path, resolved) != nullptr) {
+            *target = resolved;
+        } else {
+            const int error = errno;
+            rh_logger.errorLog("Path \"%s\" could not be resolved. Cause: [%d] %s", path, error,
+                               errnoText(error).c_str());
+            target->clear();
+        }
+    }
+    return true;
+}
+
+bool setLink(const char* target, const char* linkPath) {
+    if (target == nullptr || linkPath == nullptr) {
+        rh_logger.errorLog("Link to \"%s\" could not be created at \"%s\". Cause: [%d] %s",
+                           target == nullptr ? "" : target, linkPath == nullptr ? "" : linkPath,
+                           EINVAL, errnoText(EINVAL).c_str());
+        return false;
+    }
+    struct stat st;
+    if (lstat(linkPath, &st) == 0) {
+        if (!S_ISLNK(st.st_mode)) {
+            rh_logger.errorLog("Path '%s' exists and is not a link.", linkPath);
+            return false;
+        }
+        unlink(linkPath);
+    }
+    if (symlink(target, linkPath) == 0) return true;
+    const int error = errno;
+    rh_logger.errorLog("Link to \"%s\" could not be created at \"%s\". Cause: [%d] %s", target,
+                       linkPath, error, errnoText(error).c_str());
+    return false;
+}

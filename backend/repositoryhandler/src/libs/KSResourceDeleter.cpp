@@ -1,0 +1,48 @@
+#include "KSResourceDeleter.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <list>
+
+#include "KSLogger.h"
+#include "KSPathUtils.h"
+#include "KSResourceMover.h"
+#include "KSStatus.h"
+
+namespace {
+
+int removeOne(const char* path, bool isDirectory) {
+    if ((isDirectory ? rmdir(path) : unlink(path)) == 0) return 0;
+    const int error = errno;
+    rh_logger.errorLog("The resource \"%s\" could not be removed. Error code is %d - %s", path,
+                       error, errnoText(error).c_str());
+    return RESOURCE_STATUS_ERRONEOUS;
+}
+
+}  // namespace
+
+int deleteRes(const char* path, const std::string& callback, const char* shortName,
+              const char* repositoryName) {
+    if (path == nullptr || path[0] == '\0') return RESOURCE_STATUS_ERRONEOUS;
+    struct stat st;
+    // lstat, so that a link is removed itself and its target is never entered.
+    if (lstat(path, &st) != 0) return errno == ENOENT ? 0 : RESOURCE_STATUS_ERRONEOUS;
+    const bool isDirectory = S_ISDIR(st.st_mode);
+    if (isDirectory) {
+        std::list<std::string> entries;
+        listDir(path, &entries, true, false);
+        const std::string base = std::string(path) + "/";
+        for (const std::string& entry : entries) {
+            const int result =
+                deleteRes((base + entry).c_str(), std::string(), shortName, repositoryName);
+            if (result != 0) return result;
+        }
+    }
+    const int result = removeOne(path, isDirectory);
+    if (result == 0 && !callback.empty()) {
+        moveCallback(callback.c_str(), nullptr, shortName, repositoryName, path);
+    }
+    return result;
+}

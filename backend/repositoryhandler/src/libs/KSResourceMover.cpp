@@ -1,0 +1,183 @@
+#include "KSResourceMover.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "KSAssertionException.h"
+#include "KSLogger.h"
+#include "KSPathUtils.h"
+#include "KSRepositoryHandler.h"
+#include "ShellCommand.h"
+
+namespace {
+
+const char kAssertFile[] = "backend/repositoryhandler/src/libs/KSRepositoryHandler";
+
+const char* orNull(const char* text) {
+    return text == nullptr ? "(null)" : text;
+}
+
+bool hasCallback(const char* callback) {
+    return callback != nullptr && callback[0] != '\0';
+}
+
+int compareTrees(const char* origin, const char* destination) {
+    return ShellCommand("diff -q -r '")
+        .insideSingleQuotes(origin)
+        .raw("' '")
+        .insideSingleQuotes(destination)
+        .raw("'")
+        .run();
+}
+
+int removeTree(const char* path) {
+    return ShellCommand("rm -fr '").insideSingleQuotes(path).raw("'").run();
+}
+
+void restoreTimes(const char* path, const struct stat& kept) {
+    struct utimbuf times;
+    times.actime = kept.st_atime;
+    times.modtime = kept.st_mtime;
+    utime(path, &times);
+}
+
+// Destination exists and origin is a plain file: drop the origin only when both are equal.
+int moveOntoExistingFile(const char* origin, const char* destination, bool verbose) {
+    if (compareTrees(origin, destination) != 0) {
+        const std::string message =
+            std::string("The resource \"") + origin + "\" conflicts with \"" + destination + "\".";
+        if (verbose) printf("%s\n", message.c_str());
+        rh_logger.errorLog("%s", message.c_str());
+        return RESOURCE_STATUS_CONFLICT;
+    }
+    removeTree(origin);
+    return 0;
+}
+
+// Destination exists and origin is a directory: move entry by entry, then drop the origin.
+int moveIntoExistingDirectory(KSRepositoryHandler* repository, const char* origin,
+                              const char* destination, KSMoveFunction copy, const char* copyParams,
+                              const char* shortName, const char* repositoryName, bool verbose) {
+    std::list<std::string> entries;
+    listDir(origin, &entries, true, false);
+    const std::string from = std::string(origin) + "/";
+    const std::string to = std::string(destination) + "/";
+    for (const std::string& entry : entries) {
+        // Only the top level reports to the study callback.
+        const int result = moveRes(repository, (from + entry).c_str(), (to + entry).c_str(), copy,
+                                   copyParams, "", shortName, repositoryName, verbose);
+        if (result != 0) return result;
+    }
+    if (rmdir(origin) != 0) {
+        const int error = errno;
+        rh_logger.errorLog("The directory \"%s\" could not be removed. Error code is %d - %s",
+                           origin, error, errnoText(error).c_str());
+        return RESOURCE_STATUS_ERRONEOUS;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int moveRes(KSRepositoryHandler* repository, const char* origin, const char* destination,
+            KSMoveFunction copy, const char* copyParams, const char* callback,
+            const char* shortName, const char* repositoryName, bool verbose) {
+    if (origin == nullptr || access(origin, F_OK) != 0) {
+        throw KSAssertionException("access( origin, F_OK ) == 0", __LINE__, kAssertFile);
+    }
+    KS_ASSERT_NOT_NULL(destination, kAssertFile);
+    struct stat kept = {};
+    stat(origin, &kept);
+
+    if (!exists(destination)) {
+        const int result = mountRename(origin, destination, copy, copyParams);
+        if (result != 0) {
+            const int error = errno;
+            rh_logger.errorLog(
+                "The resource \"%s\" could not be renamed to \"%s\". Error code is %d - %s", origin,
+                destination, error, errnoText(error).c_str());
+            return result;
+        }
+        restoreTimes(destination, kept);
+        if (hasCallback(callback)) {
+            moveCallback(callback, destination, shortName, repositoryName, origin);
+        }
+        return 0;
+    }
+
+    bool isDirectory = false;
+    if (isDir(origin, &isDirectory, nullptr) != 0) {
+        if (verbose) printf("Could not stat %s\n", origin);
+        return RESOURCE_STATUS_ERRONEOUS;
+    }
+    if (!isDirectory) {
+        const int result = moveOntoExistingFile(origin, destination, verbose);
+        if (result != 0) return result;
+    } else {
+        const int result = moveIntoExistingDirectory(
+            repository, origin, destination, copy, copyParams, shortName, repositoryName, verbose);
+        if (result != 0) return result;
+        restoreTimes(destination, kept);
+        if (repository != nullptr && repository->settings().countSize) {
+            touchHashedDirs(origin);
+            touchHashedDirs(destination);
+        }
+    }
+    if (hasCallback(callback)) {
+        moveCallback(callback, destination, shortName, repositoryName, origin);
+    }
+    return 0;
+}
+
+int mountRename(const char* origin, const char* destination, KSMoveFunction copy,
+                const char* copyParams) {
+    std::unique_ptr<char[]> parent(baseDir(destination));
+    if (!parent) return -1;
+    const int made = mkdirs(parent.get(), 0755);
+    if (made != 0) return made;
+    if (copy != nullptr) return copy(origin, destination, copyParams);
+
+    const int copied = ShellCommand("cp -rp '")
+                           .insideSingleQuotes(origin)
+                           .raw("' '")
+                           .insideSingleQuotes(destination)
+                           .raw("'")
+                           .run();
+    if (copied != 0) return copied;
+    const int compared = compareTrees(origin, destination);
+    if (compared != 0) {
+        // The copy is wrong: it goes, the origin stays.
+        removeTree(destination);
+        return compared;
+    }
+    removeTree(origin);
+    return 0;
+}
+
+void moveCallback(const char* callback, const char* destination, const char* shortName,
+                  const char* repositoryName, const char* origin) {
+    rh_logger.infoLog(
+        "MoveCallback function %s called with target: %s and resource: %s and repo: %s and "
+        "from: %s",
+        orNull(callback), orNull(destination), orNull(shortName), orNull(repositoryName),
+        orNull(origin));
+    const char* home = getenv("TASKD_HOME");
+    if (home == nullptr || callback == nullptr) return;
+    ShellCommand command(std::string(home) + "/runjavacmd -f -c \"0 quorra.repohandler.");
+    command.insideDoubleQuotes(callback)
+        .raw(" -r ")
+        .insideDoubleQuotes(shortName == nullptr ? "" : shortName)
+        .raw(" -p ")
+        .insideDoubleQuotes(repositoryName == nullptr ? "" : repositoryName);
+    if (destination != nullptr) command.raw(" -t ").insideDoubleQuotes(destination);
+    if (origin != nullptr) command.raw(" -f ").insideDoubleQuotes(origin);
+    command.raw("\"").run();
+}

@@ -1,0 +1,63 @@
+#include "ShellCommand.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "KSLogger.h"
+
+ShellCommand& ShellCommand::raw(const std::string& trusted) {
+    if (!refused_) text_ += trusted;
+    return *this;
+}
+
+ShellCommand& ShellCommand::insideSingleQuotes(const std::string& value) {
+    if (refused_) return *this;
+    if (value.find('\0') != std::string::npos) {
+        refuse(value, "holds a NUL byte");
+    } else if (value.find('\'') != std::string::npos) {
+        refuse(value, "holds a single quote");
+    } else {
+        text_ += value;
+    }
+    return *this;
+}
+
+ShellCommand& ShellCommand::insideDoubleQuotes(const std::string& value) {
+    if (refused_) return *this;
+    if (value.find('\0') != std::string::npos) {
+        refuse(value, "holds a NUL byte");
+    } else if (value.find_first_of("\"$`\\") != std::string::npos) {
+        refuse(value, "holds a double quote, a dollar sign, a backquote or a backslash");
+    } else {
+        text_ += value;
+    }
+    return *this;
+}
+
+// The text is dropped as well, so that a refused command handed on by text() runs nothing.
+void ShellCommand::refuse(const std::string& value, const char* why) {
+    rh_logger.errorLog("Command refused, the name '%s' %s: %s...", value.c_str(), why,
+                       text_.c_str());
+    refused_ = true;
+    text_.clear();
+}
+
+int ShellCommand::run() const {
+    if (refused_) return kRefusedStatus;
+    return system(text_.c_str());
+}
+
+std::string ShellCommand::capture() const {
+    std::string output;
+    if (refused_) return output;
+    FILE* pipe = popen(text_.c_str(), "r");
+    if (pipe == nullptr) {
+        rh_logger.errorLog("Command could not be started: %s", text_.c_str());
+        return output;
+    }
+    char buffer[128];
+    size_t length;
+    while ((length = fread(buffer, 1, sizeof(buffer), pipe)) > 0) output.append(buffer, length);
+    pclose(pipe);
+    return output;
+}
