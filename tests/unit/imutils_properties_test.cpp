@@ -118,6 +118,8 @@ TEST(KSPropertiesTest, writeProducesQuotedLinesAndReadsBackWithQuotesAsBlanks) {
     KSProperties back;
     ASSERT_TRUE(back.load(dir.file("out.cfg").c_str()));
     EXPECT_EQ(entriesOf(back), (Entries{{"a", "b"}, {"empty", ""}, {"v", "say  hi"}}));
+    // A device that is always full takes the open but not the data.
+    EXPECT_FALSE(p.write("/dev/full"));
 }
 
 TEST(KSPropertiesTest, writeToAnUnopenableFileThrowsNamingTheFile) {

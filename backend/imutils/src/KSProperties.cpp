@@ -130,10 +130,11 @@ bool KSProperties::write(const char* filename) const {
     if (file.get() == nullptr)
         throw KSAssertionException("f", __LINE__, kSourceFile,
                                    "could not open %s in KSProperties::write", filename);
+    bool written = true;
     for (const KSProperty& entry : entries_)
-        fprintf(file.get(), "%s=\"%s\"\n", entry.getName(), entry.getValue());
-    file.close();
-    return true;
+        if (fprintf(file.get(), "%s=\"%s\"\n", entry.getName(), entry.getValue()) < 0)
+            written = false;
+    return file.close() && written;
 }
 
 KSProperty* KSProperties::find(const char* name) {

@@ -34,9 +34,9 @@ class RH_EXPORT KSProperties {
     bool load(const char* filename);
 
     // Writes every entry as name="value" and a newline, in list order, truncating the file. No
-    // escaping: a value with a '"' reads back with a blank in its place. Returns true; throws
-    // KSAssertionException ("f", "could not open <filename> in KSProperties::write") when the file
-    // cannot be opened for writing.
+    // escaping: a value with a '"' reads back with a blank in its place. Returns true, or false
+    // when the data could not all be written (a full file system). Throws KSAssertionException
+    // ("f", "could not open <filename> in KSProperties::write") when the file cannot be opened.
     bool write(const char* filename) const;
 
     // The value of the first entry called name, or null when there is none. The pointer stays
