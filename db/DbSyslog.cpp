@@ -1,0 +1,20 @@
+#include "DbSyslog.h"
+
+#include <syslog.h>
+
+#include <cstdarg>
+
+namespace kelp {
+namespace db {
+
+void dbSyslog(const char* ident, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    openlog(ident, LOG_PID, LOG_LOCAL3);
+    vsyslog(LOG_ERR | LOG_LOCAL3, format, args);
+    closelog();
+    va_end(args);
+}
+
+}  // namespace db
+}  // namespace kelp

@@ -1,0 +1,257 @@
+#include "RefcountDBSql.h"
+
+#include <algorithm>
+#include <iterator>
+#include <mutex>
+#include <new>
+
+#include "DBConnectorSql.h"
+#include "DBException.h"
+#include "FacetSupport.h"
+#include "QueryBindings.h"
+#include "Sql.h"
+#include "SqlStatement.h"
+
+namespace kelp {
+namespace db {
+
+namespace {
+
+const char kObjectFile[] = "OBJECTFILE";
+const char kDatabase[] = "database";
+
+bool isDatabaseReference(const std::string& type, const std::string& referrer) {
+    return type == kObjectFile && referrer == kDatabase;
+}
+
+void bindStrings(QueryBindings& bindings, std::initializer_list<const std::string*> params) {
+    int index = 0;
+    for (const std::string* param : params) bindings.bindString(index++, *param);
+}
+
+}  // namespace
+
+RefcountDB::~RefcountDB() = default;
+
+void RefcountDB::parseObjectId(const std::string& objectId, std::string& studyUid,
+                               std::string& fileName) {
+    size_t slash = objectId.rfind('/');
+    if (slash == std::string::npos) {
+        throw DBException("ReferenceCounterImplDB: OBJECTFILE reference '" + objectId +
+                          "' is in unexpected format");
+    }
+    studyUid = objectId.substr(0, slash);
+    fileName = objectId.substr(slash + 1);
+}
+
+RefcountDBSql::RefcountDBSql(DBConnectorSql& connector)
+    : PSCache(connector),
+      refTable_(envOr("REFCOUNTTBL", "REFCOUNT")),
+      objectTable_(envOr("OBJECTTBL", "OBJECTFILE")) {
+    registerStatements();
+    init();
+}
+
+void RefcountDBSql::registerStatements() {
+    const std::string& r = refTable_;
+    const std::string& o = objectTable_;
+    registerQuery(
+        addRef_,
+        [&r] {
+            return "INSERT INTO " + r +
+                   " ( ID, TYPE, REFERRER, COUNTER ) values (?,?,?,1) ON DUPLICATE KEY UPDATE "
+                   "COUNTER=COUNTER+1;";
+        },
+        3, 0);
+    registerQuery(
+        createRef_,
+        [&r] {
+            return "INSERT IGNORE INTO " + r + " ( ID, TYPE, REFERRER, COUNTER ) values (?,?,?,1);";
+        },
+        3, 0);
+    registerQuery(
+        decrementRef_,
+        [&r] {
+            return "UPDATE " + r + " set COUNTER=COUNTER-1 where ID=? and TYPE=? and REFERRER=?;";
+        },
+        3, 0);
+    registerQuery(
+        deleteRef_,
+        [&r] {
+            return "DELETE FROM " + r + " where ID=? and TYPE=? and REFERRER=? and COUNTER<1;";
+        },
+        3, 0);
+    registerQuery(
+        sumCounters_,
+        [&r] {
+            return "select sum(COUNTER) as TOTAL from " + r +
+                   " where COUNTER > 0 and ID=? and TYPE=?";
+        },
+        2, 1);
+    registerQuery(
+        counterOf_,
+        [&r] { return "select COUNTER from " + r + " where ID=? and TYPE=? and REFERRER=?"; }, 3,
+        1);
+    registerQuery(
+        anyPositive_,
+        [&r] { return "SELECT ID FROM " + r + " WHERE ID=? and TYPE=? and COUNTER>0 LIMIT 1"; }, 2,
+        1);
+    registerQuery(
+        objectExists_, [&o] { return "SELECT FNAME FROM " + o + " WHERE FNAME=? AND STYIUID=?"; },
+        2, 1);
+    registerQuery(
+        deleteObject_, [&o] { return "DELETE FROM " + o + " WHERE FNAME=? AND STYIUID=?"; }, 2, 0);
+    registerQuery(
+        createLock_,
+        [&r] {
+            return "INSERT INTO " + r +
+                   " ( ID, TYPE, REFERRER, COUNTER ) values (?,?,'LOCKREMOVEREF',0)";
+        },
+        2, 0);
+    registerQuery(
+        deleteLock_,
+        [&r] { return "DELETE FROM " + r + " WHERE ID=? and TYPE=? and REFERRER='LOCKREMOVEREF'"; },
+        2, 0);
+    registerQuery(
+        listReferrers_,
+        [&r] { return "SELECT REFERRER, COUNTER from " + r + " where ID=? and TYPE=?"; }, 2, 2);
+}
+
+uint64_t RefcountDBSql::update(const PsQuery& query,
+                               std::initializer_list<const std::string*> params) {
+    try {
+        QueryBindings bindings(query.paramCount, query.resultCount);
+        bindStrings(bindings, params);
+        return executeUpdate(query, bindings, true);
+    } catch (const std::bad_alloc&) {
+        throw DBException("Not enough memory");
+    }
+}
+
+bool RefcountDBSql::hasRow(const PsQuery& query, std::initializer_list<const std::string*> params) {
+    try {
+        std::lock_guard<std::recursive_mutex> guard(connector().sql().mutex());
+        char buffer[256];
+        QueryResult column(MYSQL_TYPE_STRING, buffer, sizeof buffer, SIGNED_VALUE);
+        QueryBindings bindings(query.paramCount, query.resultCount);
+        bindStrings(bindings, params);
+        bindings.bindResult(0, column);
+        PSHandle handle = executeQuery(query, bindings);
+        int status = handle.statement->fetch();
+        return status == 0 || status == MYSQL_DATA_TRUNCATED;
+    } catch (const std::bad_alloc&) {
+        throw DBException("Not enough memory");
+    }
+}
+
+int64_t RefcountDBSql::fetchCount(const PsQuery& query,
+                                  std::initializer_list<const std::string*> params) {
+    try {
+        std::lock_guard<std::recursive_mutex> guard(connector().sql().mutex());
+        long long value = 0;
+        QueryResult column(MYSQL_TYPE_LONGLONG, &value, sizeof value, SIGNED_VALUE);
+        QueryBindings bindings(query.paramCount, query.resultCount);
+        bindStrings(bindings, params);
+        bindings.bindResult(0, column);
+        PSHandle handle = executeQuery(query, bindings);
+        if (handle.statement->fetch() != 0 || column.isNull()) return 0;
+        return value;
+    } catch (const std::bad_alloc&) {
+        throw DBException("Not enough memory");
+    }
+}
+
+uint64_t RefcountDBSql::addEntry(const std::string& id, const std::string& type,
+                                 const std::string& referrer) {
+    if (isDatabaseReference(type, referrer)) return 0;
+    return update(addRef_, {&id, &type, &referrer});
+}
+
+uint64_t RefcountDBSql::createEntry(const std::string& id, const std::string& type,
+                                    const std::string& referrer) {
+    if (isDatabaseReference(type, referrer)) return 0;
+    return update(createRef_, {&id, &type, &referrer});
+}
+
+uint64_t RefcountDBSql::removeEntry(const std::string& id, const std::string& type,
+                                    const std::string& referrer) {
+    if (isDatabaseReference(type, referrer)) return removeObjectFromDatabase(id);
+    update(decrementRef_, {&id, &type, &referrer});
+    return update(deleteRef_, {&id, &type, &referrer});
+}
+
+uint64_t RefcountDBSql::createLockEntryInDB(const std::string& id, const std::string& type) {
+    return update(createLock_, {&id, &type});
+}
+
+uint64_t RefcountDBSql::removeLockEntryFromDB(const std::string& id, const std::string& type) {
+    return update(deleteLock_, {&id, &type});
+}
+
+uint64_t RefcountDBSql::removeObjectFromDatabase(const std::string& objectId) {
+    std::string studyUid, fileName;
+    parseObjectId(objectId, studyUid, fileName);
+    return update(deleteObject_, {&fileName, &studyUid});
+}
+
+bool RefcountDBSql::isObjectFileInDatabase(const std::string& objectId) {
+    std::string studyUid, fileName;
+    parseObjectId(objectId, studyUid, fileName);
+    return hasRow(objectExists_, {&fileName, &studyUid});
+}
+
+bool RefcountDBSql::entriesExist(const std::string& id, const std::string& type) {
+    if (hasRow(anyPositive_, {&id, &type})) return true;
+    return type == kObjectFile && isObjectFileInDatabase(id);
+}
+
+int64_t RefcountDBSql::countEntries(const std::string& id, const std::string& type) {
+    int64_t total = fetchCount(sumCounters_, {&id, &type});
+    if (type == kObjectFile && isObjectFileInDatabase(id)) ++total;
+    return total;
+}
+
+int64_t RefcountDBSql::countEntry(const std::string& id, const std::string& type,
+                                  const std::string& referrer) {
+    int64_t count = fetchCount(counterOf_, {&id, &type, &referrer});
+    if (isDatabaseReference(type, referrer) && isObjectFileInDatabase(id)) ++count;
+    return count;
+}
+
+size_t RefcountDBSql::listEntries(const std::string& id, const std::string& type,
+                                  std::list<std::string>& entries, std::string& text) {
+    size_t added = 0;
+    try {
+        std::lock_guard<std::recursive_mutex> guard(connector().sql().mutex());
+        char referrer[256];
+        long long counter = 0;
+        QueryResult referrerColumn(MYSQL_TYPE_STRING, referrer, sizeof referrer, SIGNED_VALUE);
+        QueryResult counterColumn(MYSQL_TYPE_LONGLONG, &counter, sizeof counter, SIGNED_VALUE);
+        QueryBindings bindings(listReferrers_.paramCount, listReferrers_.resultCount);
+        bindStrings(bindings, {&id, &type});
+        bindings.bindResult(0, referrerColumn);
+        bindings.bindResult(1, counterColumn);
+        PSHandle handle = executeQuery(listReferrers_, bindings);
+        while (true) {
+            int status = handle.statement->fetch();
+            if (status != 0 && status != MYSQL_DATA_TRUNCATED) break;
+            size_t length = std::min<uint64_t>(referrerColumn.length(), sizeof referrer);
+            entries.push_back(std::string(referrer, length) + "=" + std::to_string(counter));
+            ++added;
+        }
+    } catch (const std::bad_alloc&) {
+        throw DBException("Not enough memory");
+    }
+    if (type == kObjectFile && isObjectFileInDatabase(id)) {
+        entries.push_back(std::string(kDatabase) + "=1");
+        ++added;
+    }
+    text.clear();
+    auto it = entries.end();
+    std::advance(it, -static_cast<long>(added));
+    for (; it != entries.end(); ++it) text += (text.empty() ? "" : ", ") + *it;
+    return added;
+}
+
+}  // namespace db
+}  // namespace kelp

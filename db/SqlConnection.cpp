@@ -1,0 +1,67 @@
+#include "SqlConnection.h"
+
+#include <vector>
+
+#include "SqlException.h"
+#include "SqlQueryLimiter.h"
+#include "SqlResult.h"
+#include "SqlStatement.h"
+
+namespace kelp {
+namespace db {
+
+SqlConnection::SqlConnection(MYSQL* handle, std::recursive_mutex& mutex)
+    : handle_(handle), mutex_(mutex) {}
+
+SqlConnection::~SqlConnection() {
+    std::lock_guard<std::recursive_mutex> guard(mutex_);
+    if (handle_) mysql_close(handle_);
+}
+
+void SqlConnection::escape(const std::string& in, std::string& out) {
+    std::vector<char> buffer(in.size() * 2 + 1);
+    std::lock_guard<std::recursive_mutex> guard(mutex_);
+    unsigned long length = mysql_real_escape_string(handle_, buffer.data(), in.data(), in.size());
+    out.assign(buffer.data(), length);
+}
+
+bool SqlConnection::ping() {
+    std::lock_guard<std::recursive_mutex> guard(mutex_);
+    return mysql_ping(handle_) == 0;
+}
+
+std::unique_ptr<SqlStatement> SqlConnection::prepareStatementEx(const std::string& sql) {
+    std::lock_guard<std::recursive_mutex> guard(mutex_);
+    MYSQL_STMT* stmt = mysql_stmt_init(handle_);
+    if (!stmt) {
+        lastError_ = mysql_error(handle_);
+        throw SqlException(mysql_errno(handle_), "Creating statement failed", lastError_);
+    }
+    if (mysql_stmt_prepare(stmt, sql.data(), sql.size()) != 0) {
+        uint32_t code = mysql_stmt_errno(stmt);
+        lastError_ = mysql_stmt_error(stmt);
+        mysql_stmt_close(stmt);
+        throw SqlException(code, "Preparing statement failed", lastError_);
+    }
+    return std::make_unique<SqlStatement>(stmt, mutex_);
+}
+
+std::unique_ptr<SqlResult> SqlConnection::executeQueryEx(const std::string& sql,
+                                                         unsigned long timeLimitSeconds) {
+    std::lock_guard<std::recursive_mutex> guard(mutex_);
+    SqlQueryLimiter limiter(handle_, timeLimitSeconds);
+    limiter.init();
+    if (mysql_real_query(handle_, sql.data(), sql.size()) != 0) {
+        lastError_ = mysql_error(handle_);
+        throw SqlException(mysql_errno(handle_), "Executing raw query failed", lastError_);
+    }
+    MYSQL_RES* result = mysql_store_result(handle_);
+    if (!result) {
+        lastError_ = mysql_error(handle_);
+        throw SqlException(mysql_errno(handle_), "Storing result for raw query failed", lastError_);
+    }
+    return std::make_unique<SqlResult>(result);
+}
+
+}  // namespace db
+}  // namespace kelp
