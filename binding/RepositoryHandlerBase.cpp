@@ -1,0 +1,428 @@
+// The native methods of quorra.repohandler.RepositoryHandlerBase.
+//
+// Each native converts its Java arguments, calls one function of the C surface inside a
+// catch-all, and converts the result back. No C++ exception reaches the JVM: a failing call is
+// logged and answered with the method's failure value (null, -1 or 0). Every Java string's
+// characters and every C text are given back on every path by the RAII holders below.
+
+#include <jni.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+#include <utime.h>
+
+#include "KSLogger.h"
+#include "quorra_repohandler_RepositoryHandlerBase.h"
+#include "repohandler.h"
+
+namespace {
+
+// The modified UTF-8 characters of one Java string, released when the holder goes out of scope.
+// A null Java string gives a null text (the C call then rejects it); a conversion that fails for
+// lack of memory leaves an OutOfMemoryError pending and makes failed() true.
+class JStringUtf {
+  public:
+    JStringUtf(JNIEnv* env, jstring string)
+        : env_(env), string_(string),
+          chars_(string ? env->GetStringUTFChars(string, nullptr) : nullptr) {}
+    ~JStringUtf() {
+        // Releasing is allowed with a Java exception pending, so this is safe on every path.
+        if (chars_) env_->ReleaseStringUTFChars(string_, chars_);
+    }
+    JStringUtf(const JStringUtf&) = delete;
+    JStringUtf& operator=(const JStringUtf&) = delete;
+
+    const char* get() const { return chars_; }
+    // The text for log lines: never null.
+    const char* text() const { return chars_ ? chars_ : "(null)"; }
+    bool failed() const { return string_ && !chars_; }
+
+  private:
+    JNIEnv* env_;
+    jstring string_;
+    const char* chars_;
+};
+
+// Texts of the C surface: new[] arrays given back with release(); normalize_file_name's result
+// comes from malloc(); lists are given back whole with releaseList_().
+struct ReleaseText {
+    void operator()(char* text) const { release(text); }
+};
+struct FreeText {
+    void operator()(char* text) const { std::free(text); }
+};
+using CText = std::unique_ptr<char, ReleaseText>;
+using MallocText = std::unique_ptr<char, FreeText>;
+
+class CTextList {
+  public:
+    CTextList(char** list, long count) : list_(list), count_(list ? count : 0) {}
+    ~CTextList() { releaseList_(list_, count_); }
+    CTextList(const CTextList&) = delete;
+    CTextList& operator=(const CTextList&) = delete;
+
+    char** get() const { return list_; }
+    long count() const { return count_; }
+
+  private:
+    char** list_;
+    long count_;
+};
+
+DBConnector* toConnector(jlong db) {
+    return reinterpret_cast<DBConnector*>(static_cast<std::intptr_t>(db));
+}
+
+bool toBool(jboolean flag) { return flag != JNI_FALSE; }
+
+jstring toJavaString(JNIEnv* env, const char* text) {
+    return text ? env->NewStringUTF(text) : nullptr;
+}
+
+// A new quorra/repohandler/ResourceLocationResult(path, first, second), or null when the class or
+// its constructor cannot be found (logged) or the JVM runs out of memory (OutOfMemoryError left
+// pending). A missing class must not turn into a Java exception, so that error is cleared.
+jobject createResourceLocationResult(JNIEnv* env, const char* path, int first, int second) {
+    jclass resultClass = env->FindClass("quorra/repohandler/ResourceLocationResult");
+    if (!resultClass) {
+        env->ExceptionClear();
+        rh_logger.errorLog("Failed to get %s for ResourceLocationResult class ", "class");
+        return nullptr;
+    }
+    jmethodID constructor = env->GetMethodID(resultClass, "<init>", "(Ljava/lang/String;II)V");
+    if (!constructor) {
+        env->ExceptionClear();
+        env->DeleteLocalRef(resultClass);
+        rh_logger.errorLog("Failed to get %s for ResourceLocationResult class ", "constructor");
+        return nullptr;
+    }
+    jobject result = nullptr;
+    jstring javaPath = toJavaString(env, path);
+    if (!path || javaPath) {
+        result = env->NewObject(resultClass, constructor, javaPath, static_cast<jint>(first),
+                                static_cast<jint>(second));
+    }
+    if (javaPath) env->DeleteLocalRef(javaPath);
+    env->DeleteLocalRef(resultClass);
+    return result;
+}
+
+// A String[] with one element per C text; null when the list is null or on lack of memory.
+jobjectArray toJavaStringArray(JNIEnv* env, const CTextList& list) {
+    if (!list.get()) return nullptr;
+    jclass stringClass = env->FindClass("java/lang/String");
+    if (!stringClass) return nullptr;
+    jstring empty = env->NewStringUTF("");
+    jobjectArray array =
+        empty ? env->NewObjectArray(static_cast<jsize>(list.count()), stringClass, empty) : nullptr;
+    for (long i = 0; array && i < list.count(); ++i) {
+        jstring element = toJavaString(env, list.get()[i]);
+        if (env->ExceptionCheck()) {
+            env->DeleteLocalRef(array);
+            array = nullptr;
+            break;
+        }
+        env->SetObjectArrayElement(array, static_cast<jsize>(i), element);
+        // One local reference per element would overflow the frame's capacity on long lists.
+        if (element) env->DeleteLocalRef(element);
+    }
+    if (empty) env->DeleteLocalRef(empty);
+    env->DeleteLocalRef(stringClass);
+    return array;
+}
+
+jobject locationResult(JNIEnv* env, char* path, int status, int second) {
+    CText owned(path);
+    return createResourceLocationResult(env, owned.get(), status, second);
+}
+
+jstring textResult(JNIEnv* env, char* text) {
+    CText owned(text);
+    return toJavaString(env, owned.get());
+}
+
+}  // namespace
+
+extern "C" {
+
+JNIEXPORT jobject JNICALL Java_quorra_repohandler_RepositoryHandlerBase_createDirectoryNative(
+    JNIEnv* env, jobject, jstring repository, jstring resource, jboolean flag1, jboolean flag2,
+    jboolean flag3, jlong db) {
+    JStringUtf repo(env, repository), res(env, resource);
+    if (repo.failed() || res.failed()) return nullptr;
+    try {
+        int status = 0, second = 0;
+        char* path = createDirectory_(repo.get(), res.get(), &status, &second, toBool(flag1),
+                                      toBool(flag2), toBool(flag3), toConnector(db));
+        return locationResult(env, path, status, second);
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in createDirectory_(%s, %s)", repo.text(),
+                           res.text());
+        return nullptr;
+    }
+}
+
+JNIEXPORT jobject JNICALL Java_quorra_repohandler_RepositoryHandlerBase_createLocationNative(
+    JNIEnv* env, jobject, jstring repository, jstring resource, jboolean noDirty, jlong db) {
+    JStringUtf repo(env, repository), res(env, resource);
+    if (repo.failed() || res.failed()) return nullptr;
+    try {
+        int status = 0, existed = 0;
+        char* path = createLocation_(repo.get(), res.get(), &status, &existed, toBool(noDirty),
+                                     toConnector(db));
+        return locationResult(env, path, status, existed);
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in createLocation_(%s, %s)", repo.text(),
+                           res.text());
+        return nullptr;
+    }
+}
+
+JNIEXPORT jobject JNICALL Java_quorra_repohandler_RepositoryHandlerBase_getLocationNative(
+    JNIEnv* env, jobject, jstring repository, jstring resource, jboolean touch, jboolean lock,
+    jboolean useCallback, jboolean onlyIfDirty, jlong db) {
+    JStringUtf repo(env, repository), res(env, resource);
+    if (repo.failed() || res.failed()) return nullptr;
+    try {
+        int status = 0;
+        char* path = getLocation_(repo.get(), res.get(), &status, toBool(touch), toBool(lock),
+                                  toBool(useCallback), toBool(onlyIfDirty), toConnector(db));
+        return locationResult(env, path, status, 1);
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in getLocation_(%s, %s)", repo.text(),
+                           res.text());
+        return nullptr;
+    }
+}
+
+JNIEXPORT jobject JNICALL Java_quorra_repohandler_RepositoryHandlerBase_getLocationOnMountNative(
+    JNIEnv* env, jobject, jstring repository, jstring resource, jstring mount, jboolean lock,
+    jboolean touch, jlong db) {
+    JStringUtf repo(env, repository), res(env, resource), mnt(env, mount);
+    if (repo.failed() || res.failed() || mnt.failed()) return nullptr;
+    try {
+        int status = 0;
+        char* path = getLocationOnMount_(repo.get(), res.get(), mnt.get(), &status, toBool(lock),
+                                         toConnector(db), toBool(touch));
+        return locationResult(env, path, status, 1);
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in getLocationOnMount_(%s, %s, %s)",
+                           repo.text(), res.text(), mnt.text());
+        return nullptr;
+    }
+}
+
+JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_getRepositoryStatusNative(
+    JNIEnv* env, jobject, jstring repository, jlong db) {
+    JStringUtf repo(env, repository);
+    if (repo.failed()) return -1;
+    try {
+        return getRepositoryStatus_(repo.get(), toConnector(db));
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in checkRepositoryStatus_(%s)", repo.text());
+        return -1;
+    }
+}
+
+JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_checkResourceStatusNative(
+    JNIEnv* env, jobject, jstring repository, jstring resource, jlong db) {
+    JStringUtf repo(env, repository), res(env, resource);
+    if (repo.failed() || res.failed()) return -1;
+    try {
+        return checkResourceStatus_(repo.get(), res.get(), toConnector(db));
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in checkResourceStatus_(%s, %s)", repo.text(),
+                           res.text());
+        return -1;
+    }
+}
+
+JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_removeResourceNative(
+    JNIEnv* env, jobject, jstring repository, jstring resource, jboolean lock,
+    jboolean useCallback, jlong db) {
+    JStringUtf repo(env, repository), res(env, resource);
+    if (repo.failed() || res.failed()) return -1;
+    try {
+        return removeResource_(repo.get(), res.get(), toBool(lock), toBool(useCallback),
+                               toConnector(db));
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in removeResource_(%s, %s)", repo.text(),
+                           res.text());
+        return -1;
+    }
+}
+
+JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_removeResourceOnMountNative(
+    JNIEnv* env, jobject, jstring repository, jstring resource, jstring mount, jboolean lock,
+    jboolean useCallback, jlong db) {
+    JStringUtf repo(env, repository), res(env, resource), mnt(env, mount);
+    if (repo.failed() || res.failed() || mnt.failed()) return -1;
+    try {
+        return removeResourceOnMount_(repo.get(), res.get(), mnt.get(), toBool(lock),
+                                      toBool(useCallback), toConnector(db));
+    } catch (...) {
+        // Operators search the logs for this text, so the mount variant keeps it.
+        rh_logger.errorLog("An exception was caught in removeResource_(%s, %s)", repo.text(),
+                           res.text());
+        return -1;
+    }
+}
+
+JNIEXPORT jobjectArray JNICALL Java_quorra_repohandler_RepositoryHandlerBase_listFilesNative(
+    JNIEnv* env, jobject, jstring repository, jboolean flag, jlong db) {
+    JStringUtf repo(env, repository);
+    if (repo.failed()) return nullptr;
+    try {
+        long count = 0;
+        char** list = listFiles_(repo.get(), &count, toBool(flag), toConnector(db));
+        return toJavaStringArray(env, CTextList(list, count));
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in listFiles_(%s)", repo.text());
+        return nullptr;
+    }
+}
+
+JNIEXPORT jobjectArray JNICALL Java_quorra_repohandler_RepositoryHandlerBase_listDirsNative(
+    JNIEnv* env, jobject, jstring repository, jboolean flag, jlong db) {
+    JStringUtf repo(env, repository);
+    if (repo.failed()) return nullptr;
+    try {
+        long count = 0;
+        char** list = listDirs_(repo.get(), &count, toBool(flag), toConnector(db));
+        return toJavaStringArray(env, CTextList(list, count));
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in listDirs_(%s)", repo.text());
+        return nullptr;
+    }
+}
+
+JNIEXPORT jlongArray JNICALL Java_quorra_repohandler_RepositoryHandlerBase_getTimePropertiesNative(
+    JNIEnv* env, jobject, jstring repository, jstring resource, jlong db) {
+    JStringUtf repo(env, repository), res(env, resource);
+    if (repo.failed() || res.failed()) return nullptr;
+    try {
+        struct utimbuf times = {};
+        if (!getTimeProperties_(repo.get(), res.get(), &times, toConnector(db))) return nullptr;
+        const jlong values[2] = {static_cast<jlong>(times.actime),
+                                 static_cast<jlong>(times.modtime)};
+        jlongArray result = env->NewLongArray(2);
+        if (result) env->SetLongArrayRegion(result, 0, 2, values);
+        return result;
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in getTimeProperties_(%s, %s)", repo.text(),
+                           res.text());
+        return nullptr;
+    }
+}
+
+JNIEXPORT void JNICALL Java_quorra_repohandler_RepositoryHandlerBase_setTimePropertiesNative(
+    JNIEnv* env, jobject, jstring repository, jstring resource, jlongArray times, jlong db) {
+    JStringUtf repo(env, repository), res(env, resource);
+    if (repo.failed() || res.failed()) return;
+    try {
+        if (!times || env->GetArrayLength(times) < 2) {
+            throw std::invalid_argument("times needs an access and a modification time");
+        }
+        jlong values[2] = {};
+        env->GetLongArrayRegion(times, 0, 2, values);
+        struct utimbuf converted = {static_cast<time_t>(values[0]),
+                                    static_cast<time_t>(values[1])};
+        setTimeProperties_(repo.get(), res.get(), &converted, toConnector(db));
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in setTimeProperties_(%s, %s)", repo.text(),
+                           res.text());
+    }
+}
+
+JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_lockResourceNative(
+    JNIEnv* env, jobject, jstring repository, jstring resource, jlong db) {
+    JStringUtf repo(env, repository), res(env, resource);
+    if (repo.failed() || res.failed()) return 0;
+    try {
+        return lockResource_(repo.get(), res.get(), toConnector(db));
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in lockResource_(%s, %s)", repo.text(),
+                           res.text());
+        return 0;
+    }
+}
+
+JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_unlockResourceNative(
+    JNIEnv* env, jobject, jstring repository, jstring resource, jlong db) {
+    JStringUtf repo(env, repository), res(env, resource);
+    if (repo.failed() || res.failed()) return 0;
+    try {
+        return unlockResource_(repo.get(), res.get(), toConnector(db));
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in unlockResource_(%s, %s)", repo.text(),
+                           res.text());
+        return 0;
+    }
+}
+
+JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_isDirtyNative(
+    JNIEnv* env, jobject, jstring repository, jstring resource, jlong db) {
+    JStringUtf repo(env, repository), res(env, resource);
+    if (repo.failed() || res.failed()) return 0;
+    try {
+        return isDirty_(repo.get(), res.get(), toConnector(db));
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in isDirty_(%s, %s)", repo.text(),
+                           res.text());
+        return 0;
+    }
+}
+
+JNIEXPORT void JNICALL Java_quorra_repohandler_RepositoryHandlerBase_setDirtyNative(
+    JNIEnv* env, jobject, jstring repository, jstring resource, jboolean dirty, jlong db) {
+    JStringUtf repo(env, repository), res(env, resource);
+    if (repo.failed() || res.failed()) return;
+    try {
+        setDirty_(repo.get(), res.get(), toBool(dirty), toConnector(db));
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in setDirty_(%s, %s, %s)", repo.text(),
+                           res.text(), toBool(dirty) ? "true" : "false");
+    }
+}
+
+JNIEXPORT jstring JNICALL Java_quorra_repohandler_RepositoryHandlerBase_getMountPathNative(
+    JNIEnv* env, jobject, jstring repository, jstring directory, jlong db) {
+    JStringUtf repo(env, repository), dir(env, directory);
+    if (repo.failed() || dir.failed()) return nullptr;
+    try {
+        return textResult(env, getMountPathForDirectory_(repo.get(), dir.get(), toConnector(db)));
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in getMountPathForDirectory_(%s, %s)",
+                           repo.text(), dir.text());
+        return nullptr;
+    }
+}
+
+JNIEXPORT jstring JNICALL Java_quorra_repohandler_RepositoryHandlerBase_unAgeNative(
+    JNIEnv* env, jobject, jstring repository, jstring resource, jlong db) {
+    JStringUtf repo(env, repository), res(env, resource);
+    if (repo.failed() || res.failed()) return nullptr;
+    try {
+        return textResult(env, unAge_(repo.get(), res.get(), toConnector(db)));
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in unAge_(%s, %s)", repo.text(), res.text());
+        return nullptr;
+    }
+}
+
+JNIEXPORT jstring JNICALL Java_quorra_repohandler_RepositoryHandlerBase_normalizeFileNameNative(
+    JNIEnv* env, jobject, jstring path) {
+    JStringUtf text(env, path);
+    if (text.failed()) return nullptr;
+    try {
+        MallocText normalized(normalize_file_name(text.get()));
+        return toJavaString(env, normalized.get());
+    } catch (...) {
+        rh_logger.errorLog("An exception was caught in normalize_file_name(%s)", text.text());
+        return nullptr;
+    }
+}
+
+}  // extern "C"
