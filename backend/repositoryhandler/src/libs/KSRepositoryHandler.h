@@ -133,25 +133,54 @@ public:
 
     // ---- lookup (KSRepositoryLookup.cpp) --------------------------------------------------
 
-    // Returned texts are new[] arrays owned by the caller; null when not found.
+    // Returned texts are new[] arrays owned by the caller; null when not found. Resource names
+    // are single path components (leading slashes are ignored); any other name ("", ".", "..",
+    // "a/b") is refused with status 8 and an error log line, before any file or lock is used.
+    // `status` may be null. Status codes: KSResourceStatus (KSStatus.h).
     char* getLocation(kelp::db::DBConnector* connection, const char* resource, int* status,
                       bool touch, bool lock, bool useCallback, bool onlyIfDirty);
     char* getLocationOnMount(kelp::db::DBConnector* connection, const char* resource,
                              const char* mountName, int* status, bool lock, bool touch);
+    // Appends to `locations` every location of the resource, one per live mount that holds a
+    // copy (configuration order), and with `includeLegacy` its legacy entry when one exists.
+    // Nothing is merged, touched or moved. `lock` takes the resource lock for the walk.
+    // Returns the number of locations appended, or the negated status code on failure
+    // (-8: null list, unusable repository or unsafe name; -16: the lock was not obtained).
     int getLocations(kelp::db::DBConnector* connection, const char* resource,
-                     std::list<std::string>* locations, bool flag1, bool flag2);
+                     std::list<std::string>* locations, bool lock, bool includeLegacy);
+    // The path of the mount that holds the absolute `path` (after lexical normalisation): the
+    // mount directory itself or a directory above it. Null for a relative path or none.
     char* getMountFromPath(kelp::db::DBConnector* connection, const char* path);
+    // The path of the mount on which the resource `directory` lies. With a callback configured
+    // the information callback is asked first (with "-d"); a non-empty answer is returned as
+    // it stands, and in authoritative mode an empty answer gives null. Otherwise the resource
+    // is looked up (no lock, no touch, no callback). Null when not found.
     char* getMountPathForDirectory(kelp::db::DBConnector* connection, const char* directory);
-    // kind 1: directories, 2: files. Returns a new[] array of new[] texts; *count its length.
-    char** listResources(int kind, long* count, bool flag);
+    // The names of the resources of every live mount (below the three hash levels), sorted,
+    // each once. kind 1: resource directories, 2: plain files at resource level; any other
+    // kind gives an empty list. `includeLegacy` adds the entries of the legacy directory
+    // (kind 1: directories and links, kind 2: other files). Returns a new[] array of new[]
+    // texts, terminated by a null entry; *count (when not null) is its length without it.
+    char** listResources(int kind, long* count, bool includeLegacy);
+    // $TASKD_HOME/runjavacmd -c "getinfo quorra.repohandler.<callback> -r <resource> -p <repo>
+    // [-c] [-d] [-s]", standard output with trailing white space removed. Empty when TASKD_HOME
+    // is unset or the command is refused (a name that would leave its quotes).
     std::string runInfoCallback(const char* resource, bool c, bool d, bool s);
 
     // ---- creation and mount choice (KSRepositoryCreate.cpp) -----------------------------
 
+    // Location for a new resource (the caller creates the directory), or the existing one with
+    // *existed 1. A name that is not a single component (after leading slashes are removed)
+    // throws KSAssertionException. Null with *status 8 when no mount can take it.
     char* createLocation(kelp::db::DBConnector* connection, const char* resource, int* status,
                          int* existed, bool noDirty);
+    // As createLocation, but the resource directory itself is created too. *secondStatus
+    // (may be null) is 1 when the resource existed already (its location is returned), 0 when
+    // it was created. `useCallback`: the lookup consults the information callback, and a new
+    // directory is reported to the study callback. `noDirty`: as in createLocation.
+    // `exclusive`: an existing resource is not returned: null with *status 8.
     char* createDirectory(kelp::db::DBConnector* connection, const char* resource, int* status,
-                          int* secondStatus, bool flag1, bool flag2, bool flag3);
+                          int* secondStatus, bool useCallback, bool noDirty, bool exclusive);
     int getActualMountPoint();
     int getActualMountPointForMove(KSMountPointHandler* source, bool verbose);
     int getActualMountPointForLegacy();
@@ -171,7 +200,8 @@ public:
 
     // ---- legacy directory (KSRepositoryLegacy.cpp) ---------------------------------------
 
-    // new[] text of the created legacy path, or null.
+    // new[] text of the created legacy path, or null (no legacy directory, unsafe name,
+    // mkdirs failure).
     char* createToLegacy(const char* resource);
 
     // ---- locks and dirty flags (KSRepositoryLocks.cpp) -----------------------------------
@@ -210,6 +240,15 @@ private:
     void readPluginName(KSProperties& properties, const char* key, const char* accepted,
                         std::string& target);
     void createMountHandlers(const char* mountPoints);
+    // Lookup fallback (KSRepositoryLegacy.cpp): a resource found only in the legacy directory
+    // is moved onto a mount when one can take it.
+    char* takeOverFromLegacy(const char* resource, int* status, bool touch, bool dirty);
+    std::string legacySource(const char* resource, int* status, bool* wasLink);
+    void writeToLegacyLog(const char* path);
+    // Removal helpers (KSRepositoryRemove.cpp).
+    bool staysDirtyAfterMerge(kelp::db::DBConnector* connection, const char* resource,
+                              bool useCallback);
+    bool removeFromLegacy(const char* resource, bool useCallback, int* result);
 
     std::string path_;
     std::string canonicalPath_;

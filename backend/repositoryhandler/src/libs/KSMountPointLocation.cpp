@@ -1,0 +1,158 @@
+// Resources on one mount: finding, preparing and removing their hashed locations.
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "KSAssertionException.h"
+#include "KSLogger.h"
+#include "KSMountPointHandler.h"
+#include "KSPathUtils.h"
+#include "KSPlacementSupport.h"
+#include "KSRepositoryHandler.h"
+#include "KSResourceDeleter.h"
+#include "KSStatus.h"
+
+namespace {
+
+const char* const kSourceFile = "backend/repositoryhandler/src/libs/KSMountPointHandler";
+constexpr int kMkdirsAttempts = 5;
+
+// Resources are single path components: leading slashes are tolerated, anything else that
+// could step out of the resource's own directory is a programming error.
+std::string checkedSubDirectory(const char* resource) {
+    if (resource == nullptr) throw KSAssertionException("resource", __LINE__, kSourceFile);
+    std::string subDirectory = stripLeadingSlashes(resource);
+    if (subDirectory.find('/') != std::string::npos)
+        throw KSAssertionException("subDirectory.find( '/' ) == string::npos", __LINE__,
+                                   kSourceFile);
+    if (!isSafeResourceName(subDirectory.c_str()))
+        throw KSAssertionException("isSafeResourceName( subDirectory )", __LINE__, kSourceFile);
+    return subDirectory;
+}
+
+// The three hash levels of `name` below `mountPath`, with a trailing slash.
+std::string hashLevelsOf(const std::string& mountPath, const std::string& name) {
+    std::unique_ptr<char[]> hashed(createHash(name.c_str()));
+    return mountPath + "/" + std::string(hashed.get(), 9);
+}
+
+bool isDirectory(const std::string& path) {
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// mkdirs does not report a failing last mkdir, so success is judged by the result on disk.
+bool makeDirectoryWithRetries(const std::string& directory, int* savedErrno) {
+    for (int attempt = 0; attempt < kMkdirsAttempts; ++attempt) {
+        errno = 0;
+        if (mkdirs(directory.c_str(), 0755) == 0 && isDirectory(directory)) return true;
+        *savedErrno = errno;
+    }
+    return false;
+}
+
+void logMkdirsFailure(const std::string& directory, int error) {
+    rh_logger.errorLog("Error occurred while creating directory \"%s\". Error code is %d - %s",
+                       directory.c_str(), error, std::strerror(error));
+}
+
+}  // namespace
+
+char* KSMountPointHandler::getLocation(const char* resource, int* status, int* mountFlags,
+                                       bool touch, bool useMountStatus) {
+    int localStatus = 0;
+    if (status == nullptr) status = &localStatus;
+    if (!isSafeResourceName(stripLeadingSlashes(resource).c_str())) {
+        rh_logger.errorLog("Refusing the resource name \"%s\" on mount %s: not a single name",
+                           resource ? resource : "(null)", path_.c_str());
+        *status = RESOURCE_STATUS_ERRONEOUS;
+        return nullptr;
+    }
+    uint32_t flags = 0;
+    if (useMountStatus) {
+        flags = checkStatus(true);
+        if (mountFlags != nullptr) *mountFlags = static_cast<int>(flags);
+    } else {
+        if (repository_ != nullptr && !repository_->mountHandlersInitialised())
+            repository_->initMPHandlers();
+        if (!exists((path_ + "/repositorypart.cfg").c_str())) flags = MOUNT_DEAD;
+    }
+    if (flags == MOUNT_DEAD) {
+        *status = RESOURCE_STATUS_MISSING;
+        return nullptr;
+    }
+    std::string location = resourceLocation(path_, stripLeadingSlashes(resource).c_str());
+    if (::access(location.c_str(), F_OK) != 0) {
+        *status = errno == ENOENT ? RESOURCE_STATUS_NOT_PRESENT : RESOURCE_STATUS_ERRONEOUS;
+        return nullptr;
+    }
+    if (touch) {
+        ::utime(location.c_str(), nullptr);
+        if (config_.countSize && !dedicated_) touchHashedDirs(location.c_str());
+    }
+    writeToLog(location.c_str());
+    *status = RESOURCE_STATUS_FOUND;
+    return newText(location);
+}
+
+char* KSMountPointHandler::createLocation(const char* resource, int* status, bool dirty) {
+    int localStatus = 0;
+    if (status == nullptr) status = &localStatus;
+    if (checkStatus(true) == MOUNT_DEAD) {
+        *status = RESOURCE_STATUS_ERRONEOUS;
+        return nullptr;
+    }
+    std::string name = checkedSubDirectory(resource);
+    std::string levels = hashLevelsOf(path_, name);
+    int error = 0;
+    if (!makeDirectoryWithRetries(levels, &error)) {
+        logMkdirsFailure(levels, error);
+        *status = RESOURCE_STATUS_ERRONEOUS;
+        return nullptr;
+    }
+    std::string location = levels + name;
+    *status = dirty ? RESOURCE_STATUS_DIRTY : RESOURCE_STATUS_FOUND;
+    if (config_.countSize && !dedicated_) touchHashedDirs(location.c_str());
+    return newText(location);
+}
+
+char* KSMountPointHandler::createDirectory(const char* name, int* status, bool dirty,
+                                           bool exclusive) {
+    int localStatus = 0;
+    if (status == nullptr) status = &localStatus;
+    std::unique_ptr<char[]> location(createLocation(name, status, dirty));
+    if (!location) return nullptr;
+    if (::mkdir(location.get(), 0755) == 0) return location.release();
+    int error = errno;
+    if (error == EEXIST && !exclusive && isDirectory(location.get())) return location.release();
+    if (error == EEXIST) {
+        rh_logger.errorLog("The directory \"%s\" exists already.", location.get());
+    } else {
+        logMkdirsFailure(location.get(), error);
+    }
+    *status = RESOURCE_STATUS_ERRONEOUS;
+    return nullptr;
+}
+
+int KSMountPointHandler::removeResource(const char* resource, bool useCallback) {
+    int status = 0;
+    int flags = 0;
+    std::unique_ptr<char[]> location(getLocation(resource, &status, &flags, true, true));
+    if (!location) return RESOURCE_STATUS_MISSING;
+    std::string callback;
+    std::string repositoryName;
+    if (repository_ != nullptr) {
+        if (useCallback) callback = repository_->settings().callback;
+        repositoryName = repository_->path();
+    }
+    std::string name = stripLeadingSlashes(resource);
+    int result = deleteRes(location.get(), callback, name.c_str(), repositoryName.c_str());
+    if (result == 0) clearEmptyHash(location.get());
+    return result;
+}

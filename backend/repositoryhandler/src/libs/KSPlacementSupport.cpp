@@ -1,0 +1,46 @@
+#include "KSPlacementSupport.h"
+
+#include <cstring>
+#include <memory>
+
+#include "KSMountPointHandler.h"
+#include "KSPathUtils.h"
+#include "KSRepositoryHandler.h"
+
+char* newText(const std::string& text) {
+    char* copy = new char[text.size() + 1];
+    std::memcpy(copy, text.c_str(), text.size() + 1);
+    return copy;
+}
+
+std::string stripLeadingSlashes(const char* resource) {
+    if (resource == nullptr) return std::string();
+    while (*resource == '/') ++resource;
+    return std::string(resource);
+}
+
+KSMountPointHandler* findMountByName(KSRepositoryHandler& repository, const char* mountName) {
+    std::string wanted = repository.path();
+    if (mountName != nullptr && *mountName != '\0') wanted += std::string("/") + mountName;
+    for (auto& mount : repository.mounts())
+        if (mount->path() == wanted) return mount.get();
+    return nullptr;
+}
+
+KSMountPointHandler* findMountHolding(KSRepositoryHandler& repository, const std::string& path) {
+    for (auto& mount : repository.mounts()) {
+        const std::string& mountPath = mount->path();
+        if (path.compare(0, mountPath.size(), mountPath) != 0) continue;
+        if (path.size() == mountPath.size() || path[mountPath.size()] == '/') return mount.get();
+    }
+    return nullptr;
+}
+
+std::string legacyPathOf(const KSRepositoryHandler& repository, const char* resource) {
+    return repository.settings().legacyDir + "/" + resource;
+}
+
+std::string resourceLockId(const KSRepositoryHandler& repository, const char* resource) {
+    std::unique_ptr<char[]> id(toResourceID(repository.path().c_str(), resource));
+    return id ? std::string(id.get()) : std::string();
+}

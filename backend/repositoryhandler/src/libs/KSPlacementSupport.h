@@ -1,0 +1,24 @@
+#pragma once
+
+// Small helpers shared by the placement operations (lookup, creation, removal, legacy).
+// Stateless and thread-safe; texts returned as char* are new[] arrays owned by the caller.
+
+#include <string>
+
+class KSRepositoryHandler;
+class KSMountPointHandler;
+
+// A new[] copy of `text` (never null).
+char* newText(const std::string& text);
+// `resource` without its leading slashes; an empty text for null.
+std::string stripLeadingSlashes(const char* resource);
+// The mount of `repository` whose path is the repository path + "/" + `mountName` (the
+// repository path alone for an empty name), first match in configuration order; null if none.
+KSMountPointHandler* findMountByName(KSRepositoryHandler& repository, const char* mountName);
+// The mount whose path is `path` itself or a directory above it (not a mere textual prefix:
+// /data/p1 does not claim /data/p10); null if none.
+KSMountPointHandler* findMountHolding(KSRepositoryHandler& repository, const std::string& path);
+// Legacy path of `resource`: legacyDir + "/" + resource.
+std::string legacyPathOf(const KSRepositoryHandler& repository, const char* resource);
+// The lock identity of `resource` in `repository`.
+std::string resourceLockId(const KSRepositoryHandler& repository, const char* resource);

@@ -1,0 +1,117 @@
+// The legacy directory: creating a resource there, and taking over onto a mount a resource that
+// a lookup found only there.
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "KSLegacyLinks.h"
+#include "KSLogger.h"
+#include "KSPathUtils.h"
+#include "KSPlacementSupport.h"
+#include "KSRepositoryHandler.h"
+#include "KSResourceMover.h"
+#include "KSStatus.h"
+
+namespace {
+
+bool isDirectory(const std::string& path) {
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+}  // namespace
+
+char* KSRepositoryHandler::createToLegacy(const char* resource) {
+    if (settings_.legacyDir.empty()) return nullptr;
+    std::string name = stripLeadingSlashes(resource);
+    if (!isSafeResourceName(name.c_str())) {
+        rh_logger.errorLog("createToLegacy: refusing the resource name \"%s\"",
+                           resource ? resource : "(null)");
+        return nullptr;
+    }
+    std::string legacyPath = legacyPathOf(*this, name.c_str());
+    if (mkdirs(legacyPath.c_str(), 0755) != 0 || !isDirectory(legacyPath)) return nullptr;
+    return newText(legacyPath);
+}
+
+void KSRepositoryHandler::writeToLegacyLog(const char* path) {
+    rh_logger.debugLog("Legacy access: %s (repository %s)", path, path_.c_str());
+}
+
+// The source of a resource found only in the legacy directory: the legacy entry itself, or the
+// target of its link when links are followed. Empty with *status set when there is none.
+std::string KSRepositoryHandler::legacySource(const char* resource, int* status, bool* wasLink) {
+    *wasLink = false;
+    if (settings_.legacyDir.empty()) {
+        *status = RESOURCE_STATUS_MISSING;
+        return std::string();
+    }
+    std::string legacyPath = legacyPathOf(*this, resource);
+    struct stat st;
+    // lstat: a link without a target is still an entry (and erroneous when followed).
+    if (::lstat(legacyPath.c_str(), &st) != 0) {
+        *status = RESOURCE_STATUS_MISSING;
+        return std::string();
+    }
+    bool isLink = false;
+    std::string target;
+    if (!checkLink(legacyPath.c_str(), isLink, settings_.followLegacyLinks ? &target : nullptr)) {
+        *status = RESOURCE_STATUS_MISSING;
+        return std::string();
+    }
+    if (!isLink) return legacyPath;
+    if (!settings_.followLegacyLinks) {
+        *status = RESOURCE_STATUS_MISSING;
+        return std::string();
+    }
+    if (target.empty()) {
+        *status = RESOURCE_STATUS_ERRONEOUS;
+        return std::string();
+    }
+    *wasLink = true;
+    return target;
+}
+
+char* KSRepositoryHandler::takeOverFromLegacy(const char* resource, int* status, bool touch,
+                                              bool dirty) {
+    bool wasLink = false;
+    std::string source = legacySource(resource, status, &wasLink);
+    if (source.empty()) return nullptr;
+    writeToLegacyLog(source.c_str());
+    int index = getActualMountPointForLegacy();
+    if (index < 0) {
+        if (touch) ::utime(source.c_str(), nullptr);
+        *status = RESOURCE_STATUS_FOUND;
+        return newText(source);
+    }
+    KSMountPointHandler& mount = *mounts_[index];
+    int createStatus = 0;
+    std::unique_ptr<char[]> location(mount.createLocation(resource, &createStatus, false));
+    if (!location) {
+        *status = RESOURCE_STATUS_MISSING;
+        return nullptr;
+    }
+    int moved = moveRes(this, source.c_str(), location.get(), mount.moveFunction(),
+                        mount.moveParams().c_str(), settings_.callback.c_str(), resource,
+                        path_.c_str(), false);
+    if (moved != 0) {
+        *status = moved;
+        return nullptr;
+    }
+    std::string legacyPath = legacyPathOf(*this, resource);
+    if (wasLink && std::remove(legacyPath.c_str()) != 0) {
+        int error = errno;
+        rh_logger.errorLog("Legacy link \"%s\" could not be removed. Cause: [%d] %s",
+                           legacyPath.c_str(), error, std::strerror(error));
+    }
+    if (settings_.maintainLegacyLinks) setLink(location.get(), legacyPath.c_str());
+    *status = dirty ? RESOURCE_STATUS_DIRTY : RESOURCE_STATUS_FOUND;
+    return location.release();
+}

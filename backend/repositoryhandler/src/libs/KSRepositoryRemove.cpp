@@ -1,0 +1,194 @@
+// Removal of resources, resource status, time properties and emptying a whole repository.
+
+#include <sys/stat.h>
+#include <utime.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "KSLegacyLinks.h"
+#include "KSLogger.h"
+#include "KSPathUtils.h"
+#include "KSPlacementSupport.h"
+#include "KSRepositoryHandler.h"
+#include "KSResourceDeleter.h"
+#include "KSStatus.h"
+#include "SmartSemaphore.h"
+
+namespace {
+
+// The part of a removal shared by removeResource and removeResourceOnMount.
+struct Removal {
+    int result = 0;
+    bool removed = false;
+
+    void add(int status) {
+        result |= status;
+        removed = true;
+    }
+    int finish() const { return removed ? result : RESOURCE_STATUS_MISSING; }
+};
+
+bool refuseUnsafeName(const char* resource, const char* operation) {
+    if (isSafeResourceName(stripLeadingSlashes(resource).c_str())) return false;
+    rh_logger.errorLog("%s: refusing the resource name \"%s\", which is not a single name",
+                       operation, resource ? resource : "(null)");
+    return true;
+}
+
+bool lstatExists(const std::string& path) {
+    struct stat st;
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+}  // namespace
+
+int KSRepositoryHandler::checkResourceStatus(kelp::db::DBConnector* connection,
+                                             const char* resource) {
+    int status = 0;
+    std::unique_ptr<char[]> location(
+        getLocation(connection, resource, &status, false, true, true, false));
+    return status;
+}
+
+bool KSRepositoryHandler::getTimeProperties(kelp::db::DBConnector* connection, const char* resource,
+                                            struct utimbuf* times) {
+    if (times == nullptr) return false;
+    std::unique_ptr<char[]> location(
+        getLocation(connection, resource, nullptr, false, false, true, false));
+    if (!location) return false;
+    struct stat st;
+    if (myStat(location.get(), &st) != 0) return false;
+    times->actime = st.st_atime;
+    times->modtime = st.st_mtime;
+    return true;
+}
+
+bool KSRepositoryHandler::setTimeProperties(kelp::db::DBConnector* connection, const char* resource,
+                                            const struct utimbuf* times) {
+    std::unique_ptr<char[]> location(
+        getLocation(connection, resource, nullptr, false, false, true, false));
+    if (!location) return false;
+    return ::utime(location.get(), times) != -1;
+}
+
+// A dirty resource is merged first; one that stays dirty (a mount is dead) is never removed,
+// so that a copy on the dead mount cannot come back later as the only copy.
+bool KSRepositoryHandler::staysDirtyAfterMerge(kelp::db::DBConnector* connection,
+                                               const char* resource, bool useCallback) {
+    if (!dirtyFlags_.isDirty(connection, resource, true)) return false;
+    std::unique_ptr<char[]> location(
+        getLocation(connection, resource, nullptr, false, false, useCallback, false));
+    return dirtyFlags_.isDirty(connection, resource, true);
+}
+
+// Removes the resource's legacy entry: a link (and, when links are used, the resolved target)
+// and a real directory. True when there was anything to remove.
+bool KSRepositoryHandler::removeFromLegacy(const char* resource, bool useCallback, int* result) {
+    bool acted = false;
+    std::string legacyPath = legacyPathOf(*this, resource);
+    std::string callback = useCallback ? settings_.callback : std::string();
+    if (settings_.followLegacyLinks || settings_.maintainLegacyLinks) {
+        bool isLink = false;
+        std::string target;
+        if (lstatExists(legacyPath) && checkLink(legacyPath.c_str(), isLink, &target) && isLink) {
+            acted = true;
+            if (std::remove(legacyPath.c_str()) != 0) {
+                int error = errno;
+                rh_logger.errorLog("Legacy link \"%s\" could not be removed. Cause: [%d] %s",
+                                   legacyPath.c_str(), error, std::strerror(error));
+                *result |= RESOURCE_STATUS_DIRTY;
+            } else if (!target.empty() && exists(target.c_str())) {
+                *result |= deleteRes(target.c_str(), callback, resource, path_.c_str());
+            }
+        }
+    }
+    if (lstatExists(legacyPath)) {
+        acted = true;
+        *result |= deleteRes(legacyPath.c_str(), callback, resource, path_.c_str());
+    }
+    return acted;
+}
+
+int KSRepositoryHandler::removeResource(kelp::db::DBConnector* connection, const char* resource,
+                                        bool lock, bool useCallback) {
+    if (refuseUnsafeName(resource, "removeResource")) return RESOURCE_STATUS_ERRONEOUS;
+    std::string name = stripLeadingSlashes(resource);
+    std::string lockId = resourceLockId(*this, name.c_str());
+    std::optional<SmartSemaphore> semaphore;
+    if (lock) {
+        semaphore.emplace(settings_.isShared, lockId.c_str(), connection);
+        if (!semaphore->lock()) {
+            rh_logger.errorLog("The resource \"%s\" could not be locked.", lockId.c_str());
+            return RESOURCE_STATUS_LOCK_FAILED;
+        }
+    }
+    if (staysDirtyAfterMerge(connection, name.c_str(), useCallback)) return RESOURCE_STATUS_DIRTY;
+    bool hasLegacy = !settings_.legacyDir.empty();
+    if (mounts_.empty() && !hasLegacy) return RESOURCE_STATUS_MISSING;
+    Removal removal;
+    for (auto& mount : mounts_) {
+        int result = mount->removeResource(name.c_str(), useCallback);
+        if (!(result & RESOURCE_STATUS_MISSING)) removal.add(result);
+    }
+    if (hasLegacy) {
+        int legacyResult = 0;
+        if (removeFromLegacy(name.c_str(), useCallback, &legacyResult)) removal.add(legacyResult);
+    }
+    return removal.finish();
+}
+
+int KSRepositoryHandler::removeResourceOnMount(kelp::db::DBConnector* connection,
+                                               const char* resource, const char* mountName,
+                                               bool lock, bool useCallback) {
+    if (refuseUnsafeName(resource, "removeResourceOnMount")) return RESOURCE_STATUS_ERRONEOUS;
+    std::string name = stripLeadingSlashes(resource);
+    std::string lockId = resourceLockId(*this, name.c_str());
+    std::optional<SmartSemaphore> semaphore;
+    if (lock) {
+        semaphore.emplace(settings_.isShared, lockId.c_str(), connection);
+        if (!semaphore->lock()) {
+            rh_logger.errorLog("The resource \"%s\" could not be locked.", lockId.c_str());
+            return RESOURCE_STATUS_LOCK_FAILED;
+        }
+    }
+    if (staysDirtyAfterMerge(connection, name.c_str(), useCallback)) return RESOURCE_STATUS_DIRTY;
+    KSMountPointHandler* mount = findMountByName(*this, mountName);
+    if (mount == nullptr) {
+        rh_logger.errorLog(
+            "Giving back RESOURCE_STATUS_MISSING because mount cannot be found, repo:%s, mount:%s",
+            path_.c_str(), mountName ? mountName : "(null)");
+        return RESOURCE_STATUS_MISSING;
+    }
+    bool hasLegacy = !settings_.legacyDir.empty();
+    Removal removal;
+    int result = mount->removeResource(name.c_str(), useCallback);
+    if (!(result & RESOURCE_STATUS_MISSING))
+        removal.add(result);
+    else if (!hasLegacy)
+        return RESOURCE_STATUS_MISSING;
+    if (hasLegacy) {
+        int legacyResult = 0;
+        if (removeFromLegacy(name.c_str(), useCallback, &legacyResult)) removal.add(legacyResult);
+    }
+    return removal.finish();
+}
+
+void KSRepositoryHandler::makeEmpty(kelp::db::DBConnector* connection) {
+    dirtyFlags_.clearDirtySet(connection);
+    giveBackMounts();
+    long count = 0;
+    char** names = listResources(1, &count, true);
+    long files = 0;
+    char** fileNames = listResources(2, &files, true);
+    for (long i = 0; i < count; ++i) removeResource(connection, names[i], true, true);
+    for (long i = 0; i < files; ++i) removeResource(connection, fileNames[i], true, true);
+    for (long i = 0; i < count; ++i) delete[] names[i];
+    for (long i = 0; i < files; ++i) delete[] fileNames[i];
+    delete[] names;
+    delete[] fileNames;
+}
