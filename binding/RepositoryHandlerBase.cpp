@@ -7,11 +7,11 @@
 
 #include <jni.h>
 
+#include <utime.h>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <stdexcept>
-#include <utime.h>
 
 #include "KSLogger.h"
 #include "quorra_repohandler_RepositoryHandlerBase.h"
@@ -25,7 +25,8 @@ namespace {
 class JStringUtf {
   public:
     JStringUtf(JNIEnv* env, jstring string)
-        : env_(env), string_(string),
+        : env_(env),
+          string_(string),
           chars_(string ? env->GetStringUTFChars(string, nullptr) : nullptr) {}
     ~JStringUtf() {
         // Releasing is allowed with a Java exception pending, so this is safe on every path.
@@ -59,7 +60,9 @@ using MallocText = std::unique_ptr<char, FreeText>;
 class CTextList {
   public:
     CTextList(char** list, long count) : list_(list), count_(list ? count : 0) {}
-    ~CTextList() { releaseList_(list_, count_); }
+    ~CTextList() {
+        if (list_) releaseList_(list_, count_);
+    }
     CTextList(const CTextList&) = delete;
     CTextList& operator=(const CTextList&) = delete;
 
@@ -75,7 +78,9 @@ DBConnector* toConnector(jlong db) {
     return reinterpret_cast<DBConnector*>(static_cast<std::intptr_t>(db));
 }
 
-bool toBool(jboolean flag) { return flag != JNI_FALSE; }
+bool toBool(jboolean flag) {
+    return flag != JNI_FALSE;
+}
 
 jstring toJavaString(JNIEnv* env, const char* text) {
     return text ? env->NewStringUTF(text) : nullptr;
@@ -240,8 +245,8 @@ JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_checkResour
 }
 
 JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_removeResourceNative(
-    JNIEnv* env, jobject, jstring repository, jstring resource, jboolean lock,
-    jboolean useCallback, jlong db) {
+    JNIEnv* env, jobject, jstring repository, jstring resource, jboolean lock, jboolean useCallback,
+    jlong db) {
     JStringUtf repo(env, repository), res(env, resource);
     if (repo.failed() || res.failed()) return -1;
     try {
@@ -327,8 +332,7 @@ JNIEXPORT void JNICALL Java_quorra_repohandler_RepositoryHandlerBase_setTimeProp
         }
         jlong values[2] = {};
         env->GetLongArrayRegion(times, 0, 2, values);
-        struct utimbuf converted = {static_cast<time_t>(values[0]),
-                                    static_cast<time_t>(values[1])};
+        struct utimbuf converted = {static_cast<time_t>(values[0]), static_cast<time_t>(values[1])};
         setTimeProperties_(repo.get(), res.get(), &converted, toConnector(db));
     } catch (...) {
         rh_logger.errorLog("An exception was caught in setTimeProperties_(%s, %s)", repo.text(),
@@ -369,8 +373,7 @@ JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_isDirtyNati
     try {
         return isDirty_(repo.get(), res.get(), toConnector(db));
     } catch (...) {
-        rh_logger.errorLog("An exception was caught in isDirty_(%s, %s)", repo.text(),
-                           res.text());
+        rh_logger.errorLog("An exception was caught in isDirty_(%s, %s)", repo.text(), res.text());
         return 0;
     }
 }
