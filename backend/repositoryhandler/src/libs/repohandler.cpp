@@ -40,3 +40,106 @@ void release(char* text) {
 void release_(char* text) {
     delete[] text;
 }
+
+// ---- placement: lookup, creation, removal, legacy, time properties ------------------------
+
+char* createDirectory_(const char* repository, const char* resource, int* status,
+                       int* secondStatus, bool flag1, bool flag2, bool flag3, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->createDirectory(repo->getDbConnector(db), resource, status, secondStatus, flag1,
+                                 flag2, flag3);
+}
+
+char* createLocation_(const char* repository, const char* resource, int* status, int* existed,
+                      bool noDirty, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->createLocation(repo->getDbConnector(db), resource, status, existed, noDirty);
+}
+
+char* getLocation_(const char* repository, const char* resource, int* status, bool touch,
+                   bool lock, bool useCallback, bool onlyIfDirty, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->getLocation(repo->getDbConnector(db), resource, status, touch,
+                             lock && !repo->isSingleMountNonClearable(), useCallback, onlyIfDirty);
+}
+
+int getLocations_(const char* repository, const char* resource,
+                  std::list<std::string>* locations, bool flag1, bool flag2, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->getLocations(repo->getDbConnector(db), resource, locations, flag1, flag2);
+}
+
+char* getLocationOnMount_(const char* repository, const char* resource, const char* mount,
+                          int* status, bool lock, DBConnector* db, bool touch) {
+    auto repo = getRepository(db, repository, false);
+    return repo->getLocationOnMount(repo->getDbConnector(db), resource, mount, status,
+                                    lock && !repo->isSingleMountNonClearable(), touch);
+}
+
+int checkResourceStatus_(const char* repository, const char* resource, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->checkResourceStatus(repo->getDbConnector(db), resource);
+}
+
+int removeResource_(const char* repository, const char* resource, bool lock, bool useCallback,
+                    DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->removeResource(repo->getDbConnector(db), resource, lock, useCallback);
+}
+
+int removeResourceOnMount_(const char* repository, const char* resource, const char* mount,
+                           bool lock, bool useCallback, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->removeResourceOnMount(repo->getDbConnector(db), resource, mount, lock,
+                                       useCallback);
+}
+
+char** listFiles_(const char* repository, long* count, bool flag, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->listResources(2, count, flag);
+}
+
+char** listDirs_(const char* repository, long* count, bool flag, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->listResources(1, count, flag);
+}
+
+void releaseList_(char** list, long count) {
+    if (list == nullptr) return;
+    for (long i = 0; i < count; ++i) delete[] list[i];
+    delete[] list;
+}
+
+int createToLegacy_(const char* repository, const char* resource, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    char* created = repo->createToLegacy(resource);
+    delete[] created;
+    return created != nullptr ? 0 : -1;
+}
+
+void makeEmpty_(const char* repository, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    repo->makeEmpty(repo->getDbConnector(db));
+}
+
+int getTimeProperties_(const char* repository, const char* resource, struct utimbuf* times,
+                       DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->getTimeProperties(repo->getDbConnector(db), resource, times) ? 1 : 0;
+}
+
+bool setTimeProperties_(const char* repository, const char* resource,
+                        const struct utimbuf* times, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->setTimeProperties(repo->getDbConnector(db), resource, times);
+}
+
+char* getMountPathForDirectory_(const char* repository, const char* directory, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->getMountPathForDirectory(repo->getDbConnector(db), directory);
+}
+
+char* getMountFromPath_(const char* repository, const char* path, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->getMountFromPath(repo->getDbConnector(db), path);
+}
