@@ -33,6 +33,11 @@ using kelp::db::DBConnector;
 
 extern "C" {
 
+// Creates the resource's directory itself on a mount chosen as for createLocation_, or returns
+// the existing one. *secondStatus: 1 when it existed, 0 when created. flag1 (useCallback): the
+// lookup consults the information callback and a new directory is reported to the study
+// callback; flag2 (noDirty): as in createLocation_; flag3 (exclusive): an existing resource
+// gives null with status 8.
 RH_EXPORT char* createDirectory_(const char* repository, const char* resource, int* status,
                                  int* secondStatus, bool flag1, bool flag2, bool flag3,
                                  DBConnector* db);
@@ -40,6 +45,10 @@ RH_EXPORT char* createLocation_(const char* repository, const char* resource, in
                                 int* existed, bool noDirty, DBConnector* db);
 RH_EXPORT char* getLocation_(const char* repository, const char* resource, int* status, bool touch,
                              bool lock, bool useCallback, bool onlyIfDirty, DBConnector* db);
+// Appends every location of the resource (one per live mount holding a copy, in configuration
+// order). flag1 (lock): hold the resource lock for the walk; flag2 (includeLegacy): also the
+// resource's legacy entry when one exists. Returns the number appended, or the negated status
+// (-8 erroneous, -16 lock not obtained). Nothing is merged or moved.
 RH_EXPORT int getLocations_(const char* repository, const char* resource,
                             std::list<std::string>* locations, bool flag1, bool flag2,
                             DBConnector* db);
@@ -53,9 +62,13 @@ RH_EXPORT int removeResource_(const char* repository, const char* resource, bool
 RH_EXPORT int removeResourceOnMount_(const char* repository, const char* resource,
                                      const char* mount, bool lock, bool useCallback,
                                      DBConnector* db);
+// Names of the resources of every live mount (sorted, each once): listDirs_ the resource
+// directories, listFiles_ plain files at resource level. flag (includeLegacy): add the
+// entries of the legacy directory. Give the list back with releaseList_(list, *count).
 RH_EXPORT char** listFiles_(const char* repository, long* count, bool flag, DBConnector* db);
 RH_EXPORT char** listDirs_(const char* repository, long* count, bool flag, DBConnector* db);
 RH_EXPORT void releaseList_(char** list, long count);
+// 0 when the resource's legacy directory was made (or exists), -1 otherwise.
 RH_EXPORT int createToLegacy_(const char* repository, const char* resource, DBConnector* db);
 RH_EXPORT void makeEmpty_(const char* repository, DBConnector* db);
 RH_EXPORT void rndMount_(const char* repository, DBConnector* db);
@@ -64,6 +77,7 @@ RH_EXPORT int giveBackMounts_(const char* repository, DBConnector* db);
 RH_EXPORT std::list<std::string>* getDeletedDirs_(const char* repository, DBConnector* db);
 RH_EXPORT void checkOverload_(const char* repository, bool verbose, bool night, DBConnector* db);
 RH_EXPORT int freeMount_(const char* repository, const char* mount, bool flag, DBConnector* db);
+// 1 when the resource was found and *times (access, modification) filled, else 0 (unchanged).
 RH_EXPORT int getTimeProperties_(const char* repository, const char* resource,
                                  struct utimbuf* times, DBConnector* db);
 RH_EXPORT bool setTimeProperties_(const char* repository, const char* resource,
@@ -73,8 +87,11 @@ RH_EXPORT int unlockResource_(const char* repository, const char* resource, DBCo
 RH_EXPORT int isDirty_(const char* repository, const char* resource, DBConnector* db);
 RH_EXPORT void setDirty_(const char* repository, const char* resource, bool dirty,
                          DBConnector* db);
+// The mount path on which the resource `directory` lies (the information callback is asked
+// first when configured), or null.
 RH_EXPORT char* getMountPathForDirectory_(const char* repository, const char* directory,
                                           DBConnector* db);
+// The mount path holding the absolute `path`, or null.
 RH_EXPORT char* getMountFromPath_(const char* repository, const char* path, DBConnector* db);
 RH_EXPORT char* unAge_(const char* repository, const char* resource, DBConnector* db);
 RH_EXPORT time_t setup_(const char* repository, DBConnector* db);
