@@ -222,8 +222,11 @@ public:
     int moveResourcesNew(kelp::db::DBConnector* connection, KSMountPointHandler* mount);
     int deleteResourcesFromMount(kelp::db::DBConnector* connection, KSMountPointHandler* mount,
                                  KSNomoveHandler* nomove, unsigned maxCount);
+    // Empties the mount whose path is `mount`; `verbose` also prints progress. 0 when nothing
+    // is left on it, 1 when some resources could not be moved, -1 for an unknown mount or
+    // when no other mount can take anything.
     int moveAllResourcesFromMount(kelp::db::DBConnector* connection, const char* mount,
-                                  bool flag);
+                                  bool verbose);
     char* unAge(kelp::db::DBConnector* connection, const char* resource);
     void writeCalcData(bool verbose, KSMountPointHandler* mount, double usedBefore);
     void warnMoveTimeWarning(const char* action, const time_t* resourceTime);
@@ -262,6 +265,8 @@ private:
     bool unusable_ = false;
     std::atomic<int> repositoryStatus_{0};
 
+    // The steps of checkOverload (KSRepositoryOverload.cpp) keep the run's state here.
+    friend class KSOverloadRun;
     std::list<std::string> deletedDirs_;
     unsigned deletedCount_ = 0;
     unsigned collectNum_ = 100;

@@ -143,3 +143,23 @@ char* getMountFromPath_(const char* repository, const char* path, DBConnector* d
     auto repo = getRepository(db, repository, true);
     return repo->getMountFromPath(repo->getDbConnector(db), path);
 }
+
+void checkOverload_(const char* repository, bool verbose, bool night, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    repo->checkOverload(repo->getDbConnector(db), verbose, night);
+}
+
+std::list<std::string>* getDeletedDirs_(const char* repository, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->getDeletedDirs();
+}
+
+int freeMount_(const char* repository, const char* mount, bool flag, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->moveAllResourcesFromMount(repo->getDbConnector(db), mount, flag);
+}
+
+char* unAge_(const char* repository, const char* resource, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->unAge(repo->getDbConnector(db), resource);
+}

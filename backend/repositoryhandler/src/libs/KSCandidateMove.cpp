@@ -1,0 +1,117 @@
+#include "KSCandidateMove.h"
+
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "KSAssertionException.h"
+#include "KSClock.h"
+#include "KSLegacyLinks.h"
+#include "KSLogger.h"
+#include "KSMountPointHandler.h"
+#include "KSPathUtils.h"
+#include "KSRepositoryHandler.h"
+#include "KSResourceMover.h"
+#include "KSTimedLock.h"
+
+namespace {
+
+std::string timeText(int64_t seconds) {
+    time_t t = static_cast<time_t>(seconds);
+    char buffer[64];
+    if (ctime_r(&t, buffer) == nullptr) return "?\n";
+    return buffer;
+}
+
+void logMove(KSRepositoryHandler& repository, const CandidateMove& how, const ResourceEntry& entry,
+             const std::string& destination) {
+    const char* from = entry.path.c_str();
+    const char* to = destination.c_str();
+    std::string when = timeText(entry.time);
+    switch (how.actor) {
+        case MoveActor::CheckOverload:
+            rh_logger.operInfoLog("checkoverload system - - - - - - - - - - - moves+%s+to+%s", from,
+                                  to);
+            rh_logger.infoLog("CheckOverload moves %s to %s", from, to);
+            rh_logger.infoLog("CheckOverload: Last access/modification time of the resource: %s",
+                              when.c_str());
+            if (how.verbose) {
+                printf("CheckOverload moves %s to %s\n", from, to);
+                printf("CheckOverload: Last access/modification time of the resource: %s\n",
+                       when.c_str());
+            }
+            break;
+        case MoveActor::EmptyMount:
+            rh_logger.infoLog("EmptyMount moves %s to %s", from, to);
+            if (how.verbose) printf("EmptyMount moves %s to %s\n", from, to);
+            return;
+        case MoveActor::UnAge:
+            rh_logger.infoLog("unAge moves %s to %s", from, to);
+            return;
+    }
+    time_t t = static_cast<time_t>(entry.time);
+    if (t > KSClock::now() - static_cast<time_t>(repository.settings().warnmoveTime))
+        repository.warnMoveTimeWarning("moved", &t);
+}
+
+// Leaves the dirty mark only where two copies (or a half one) may remain.
+void settleDirtyMark(KSRepositoryHandler& repository, const CandidateMove& how,
+                     const ResourceEntry& entry, const std::string& destination, bool wasDirty) {
+    if (wasDirty) return;
+    bool origin = exists(entry.path.c_str());
+    bool copy = exists(destination.c_str());
+    if (origin != copy) repository.dirtyFlags().setDirty(how.connection, entry.name.c_str(), false);
+}
+
+}  // namespace
+
+CandidateMoveResult moveCandidate(KSRepositoryHandler& repository, const CandidateMove& how,
+                                  const ResourceEntry& entry, KSMountPointHandler& target) {
+    std::unique_ptr<char[]> id(toResourceID(repository.path().c_str(), entry.name.c_str()));
+    KSTimedLock lock(repository.settings().isShared, id ? id.get() : "", how.connection);
+    if (!lock.acquire()) {
+        std::string text =
+            std::string("The resource \"") + (id ? id.get() : "") + "\" could not be locked.";
+        if (how.verbose) puts(text.c_str());
+        rh_logger.errorLog("%s", text.c_str());
+        return CandidateMoveResult::Refused;
+    }
+    if (!exists(entry.path.c_str())) return CandidateMoveResult::Vanished;
+    if (how.checkTime && lastAccess(entry.path.c_str(), nullptr) != entry.time) {
+        if (how.verbose) printf("Resource touched while checking: %s\n", entry.path.c_str());
+        return CandidateMoveResult::Touched;
+    }
+    KSDirtyFlagHandler& dirty = repository.dirtyFlags();
+    bool wasDirty = dirty.isDirty(how.connection, entry.name.c_str(), false);
+    if (wasDirty && how.skipDirty) return CandidateMoveResult::Touched;
+
+    std::string destination = resourceLocation(target.path(), entry.name.c_str());
+    logMove(repository, how, entry, destination);
+    // Marked before the first byte is copied; see the header.
+    if (!wasDirty) dirty.setDirty(how.connection, entry.name.c_str(), true);
+
+    int result;
+    try {
+        result =
+            moveRes(&repository, entry.path.c_str(), destination.c_str(), target.moveFunction(),
+                    target.moveParams().c_str(), repository.settings().callback.c_str(),
+                    entry.name.c_str(), repository.path().c_str(), how.verbose);
+    } catch (const KSAssertionException&) {
+        // Removed by somebody else between the check above and the move.
+        settleDirtyMark(repository, how, entry, destination, wasDirty);
+        return CandidateMoveResult::Vanished;
+    }
+    if (result & 2) {
+        if (how.verbose) puts("Conflict prevented resource move");
+        return CandidateMoveResult::Conflict;  // stays dirty: both copies wait for a decision
+    }
+    settleDirtyMark(repository, how, entry, destination, wasDirty);
+    if (result & 8) return CandidateMoveResult::Failed;
+
+    clearEmptyHash(entry.path.c_str());
+    const KSRepositoryHandler::Settings& settings = repository.settings();
+    if (settings.maintainLegacyLinks && !settings.legacyDir.empty())
+        setLink(destination.c_str(), (settings.legacyDir + "/" + entry.name).c_str());
+    return CandidateMoveResult::Moved;
+}

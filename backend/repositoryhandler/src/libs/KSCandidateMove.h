@@ -1,0 +1,48 @@
+#pragma once
+
+// Moving one gathered candidate to another mount, as every maintenance loop does it: under the
+// resource's own lock, only when it was not used since it was gathered, and so that a process
+// killed at any moment loses nothing.
+//
+// Crash safety: the resource is put into the dirty set before its copy starts and taken out
+// only when exactly one of origin and destination exists afterwards. A process killed between
+// the two leaves a resource that may lie on two mounts (or half on one) marked dirty, so its
+// next lookup searches every mount and merges or reports a conflict instead of answering with
+// a half-written copy.
+
+#include "ResourceEntry.h"
+
+class KSRepositoryHandler;
+class KSMountPointHandler;
+namespace kelp {
+namespace db {
+class DBConnector;
+}
+}  // namespace kelp
+
+enum class CandidateMoveResult {
+    Moved,     // moveRes reported success (which includes unrecognised command statuses)
+    Refused,   // the lock could not be had
+    Touched,   // used since it was gathered, or dirty: left alone
+    Vanished,  // the origin no longer exists
+    Conflict,  // the destination holds a different copy; marked dirty
+    Failed,    // moveRes reported a failure (bit 8)
+};
+
+// Who moves: selects the log lines written before the move.
+enum class MoveActor { CheckOverload, EmptyMount, UnAge };
+
+struct CandidateMove {
+    kelp::db::DBConnector* connection = nullptr;
+    MoveActor actor = MoveActor::CheckOverload;
+    bool verbose = false;
+    // Skip a resource whose time stamp differs from the gathered one (touched meanwhile).
+    bool checkTime = true;
+    // Skip a resource in the dirty set (its copies are waiting for a merge decision).
+    bool skipDirty = true;
+};
+
+// Moves `entry` (a resource on some mount of `repository`) to `target`. Never throws for file
+// system trouble; database exceptions of the dirty set and the lock pass through.
+CandidateMoveResult moveCandidate(KSRepositoryHandler& repository, const CandidateMove& how,
+                                  const ResourceEntry& entry, KSMountPointHandler& target);

@@ -1,0 +1,140 @@
+// The move pass of repositories that only move: walks one mount's hashed tree and moves every
+// resource older than the move time to another mount until the mount is below its clean limit.
+
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "KSCandidateMove.h"
+#include "KSClock.h"
+#include "KSLogger.h"
+#include "KSMountPointHandler.h"
+#include "KSPathUtils.h"
+#include "KSRepositoryHandler.h"
+
+namespace {
+
+constexpr int kSecondsPerDay = 86400;
+constexpr int kHashLevels = 3;
+
+std::vector<std::string> sortedNames(const std::string& directory, bool directoriesOnly) {
+    std::list<std::string> listed;
+    listDir(directory.c_str(), &listed, false, false);
+    std::vector<std::string> names;
+    names.reserve(listed.size());
+    for (std::string& name : listed) {
+        if (directoriesOnly) {
+            struct stat st;
+            if (lstat((directory + "/" + name).c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) continue;
+        }
+        names.push_back(std::move(name));
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// Every hash directory of the mount ("AB/CD/EF"), in byte order: the walk order of the pass.
+std::vector<std::string> hashDirectories(const std::string& mount) {
+    std::vector<std::string> level{std::string()};
+    for (int depth = 0; depth < kHashLevels; ++depth) {
+        std::vector<std::string> next;
+        for (const std::string& parent : level) {
+            std::string directory = parent.empty() ? mount : mount + "/" + parent;
+            for (const std::string& name : sortedNames(directory, true)) {
+                if (depth == 0 && name == "lost+found") continue;
+                next.push_back(parent.empty() ? name : parent + "/" + name);
+            }
+        }
+        level.swap(next);
+    }
+    return level;
+}
+
+// Space taken by a resource in fragments of its file system (the unit of blocksToFree).
+double fragmentsOf(const std::string& path, unsigned long fragment) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) return 0.0;
+    double total = static_cast<double>(st.st_blocks) * 512.0 / fragment;
+    if (!S_ISDIR(st.st_mode)) return total;
+    std::list<std::string> names;
+    listDir(path.c_str(), &names, false, false);
+    for (const std::string& name : names) total += fragmentsOf(path + "/" + name, fragment);
+    return total;
+}
+
+}  // namespace
+
+// Walk order: the hash directories in byte order, starting at `resumeHash` and wrapping round
+// to the ones before it, so successive passes share out the moving over the whole mount instead
+// of always emptying the first hash directories. `resumeHash` is set to the hash directory in
+// hand when the pass ends early (below the clean limit, no target left, stopped) and cleared
+// when the whole tree was walked. The age map gets, per whole day of age, the space (in
+// file-system fragments, the unit of blocksToFree) of every resource that stays on the mount,
+// so the caller can find the move time that would free enough next time.
+int KSMountPointHandler::moveResourcesNewInner(kelp::db::DBConnector* connection,
+                                               std::string& resumeHash, unsigned moveTime,
+                                               std::map<int, double>& ageMap) {
+    struct stat st;
+    if (lstat(path_.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        rh_logger.errorLog("moveResourcesNewInner cannot read mount %s", path_.c_str());
+        return -1;
+    }
+    struct statvfs fs;
+    unsigned long fragment =
+        (statvfs(path_.c_str(), &fs) == 0 && fs.f_frsize > 0) ? fs.f_frsize : 4096;
+
+    const std::vector<std::string> hashes = hashDirectories(path_);
+    const size_t start =
+        std::lower_bound(hashes.begin(), hashes.end(), resumeHash) - hashes.begin();
+    const time_t now = KSClock::now();
+    const int64_t youngest = static_cast<int64_t>(now) - moveTime;
+    CandidateMove how;
+    how.connection = connection;
+
+    for (size_t k = 0; k < hashes.size(); ++k) {
+        const std::string& hash = hashes[(start + k) % hashes.size()];
+        for (const std::string& name : sortedNames(path_ + "/" + hash, false)) {
+            if (checkoverloadStopped) {
+                resumeHash = hash;
+                return 3;
+            }
+            ResourceEntry entry;
+            entry.name = name;
+            entry.relativePath = hash + "/" + name;
+            entry.path = path_ + "/" + entry.relativePath;
+            if (lstat(entry.path.c_str(), &st) != 0 || S_ISLNK(st.st_mode)) continue;
+            ++counters_.checked;
+            entry.time = lastAccess(entry.path.c_str(), &st);
+            const int age = static_cast<int>((now - entry.time) / kSecondsPerDay);
+            if (entry.time > youngest) {
+                ageMap[age] += fragmentsOf(entry.path, fragment);
+                continue;
+            }
+            int targetIndex = repository_->getActualMountPointForMove(this, false);
+            if (targetIndex < 0 || targetIndex >= static_cast<int>(repository_->mounts().size())) {
+                rh_logger.infoLog("No mount to move resources to (at resource: %s )",
+                                  entry.path.c_str());
+                rh_logger.infoLog("Nospaceleft? checkoverload couldn't move");
+                resumeHash = hash;
+                return 2;
+            }
+            KSMountPointHandler& target = *repository_->mounts()[targetIndex];
+            CandidateMoveResult moved = moveCandidate(*repository_, how, entry, target);
+            if (moved == CandidateMoveResult::Vanished) continue;
+            if (moved != CandidateMoveResult::Moved) {
+                ageMap[age] += fragmentsOf(entry.path, fragment);
+                continue;
+            }
+            if (getUsedPercentage() < config_.cleanLimit) {
+                resumeHash = hash;
+                return 0;
+            }
+        }
+    }
+    resumeHash.clear();
+    return getUsedPercentage() < config_.cleanLimit ? 0 : 1;
+}
