@@ -179,7 +179,8 @@ TEST(DbConnection, absentServerFailsWithTheClientErrorNumber) {
     TempTree tree;
     tree.write("conf/db.cfg", "retryCount=1\nretrySleep=0\n");
     ScopedEnv a("DBNAME", "db"), b("MED_USER", "u"),
-        c("MYSQL_UNIX_PORT", tree.path("nobody.sock").c_str()), d("CONF", tree.path("conf").c_str());
+        c("MYSQL_UNIX_PORT", tree.path("nobody.sock").c_str()),
+        d("CONF", tree.path("conf").c_str());
     Sql sql(false);
     try {
         sql.getConnectionEx();

@@ -14,15 +14,16 @@
 bool dbEnvironmentAvailable(std::string& why);
 
 // In a test or SetUp: a missing server fails the test under CI=true and skips it otherwise.
-#define RH_REQUIRE_DB()                                                              \
-    do {                                                                             \
-        std::string rhWhy_;                                                          \
-        if (!dbEnvironmentAvailable(rhWhy_)) {                                       \
-            const char* rhCi_ = getenv("CI");                                        \
-            if (rhCi_ != nullptr && std::string(rhCi_) == "true") FAIL() << rhWhy_;  \
-            GTEST_SKIP() << rhWhy_ << " (start it with scripts/mariadb start DIR and " \
-                                      "eval \"$(scripts/mariadb env DIR)\")";        \
-        }                                                                            \
+#define RH_REQUIRE_DB()                                                             \
+    do {                                                                            \
+        std::string rhWhy_;                                                         \
+        if (!dbEnvironmentAvailable(rhWhy_)) {                                      \
+            const char* rhCi_ = getenv("CI");                                       \
+            if (rhCi_ != nullptr && std::string(rhCi_) == "true") FAIL() << rhWhy_; \
+            GTEST_SKIP() << rhWhy_                                                  \
+                         << " (start it with scripts/mariadb start DIR and "        \
+                            "eval \"$(scripts/mariadb env DIR)\")";                 \
+        }                                                                           \
     } while (0)
 
 // A plain client connection to the environment's server as MED_USER, independent of the library
