@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "KSPathUtils.h"
 #include "repohandler.h"
@@ -49,19 +51,40 @@ TEST(LayoutHash, createHashPlacesTheNameBehindItsThreeLevelPrefix) {
     }
 }
 
-TEST(LayoutHash, createHashUsesBytesAboveAsciiAsUnsignedValues) {
-    // Signed chars would give negative products and other buckets; the prefix must only ever
-    // hold alphabet characters and slashes at fixed places.
-    const std::string hashed = take(createHash("\xc3\xa9t\xc3\xa9"));
-    ASSERT_EQ(hashed.size(), 9u + 5u);
-    for (size_t i : {2u, 5u, 8u}) EXPECT_EQ(hashed[i], '/');
-    for (size_t i : {0u, 1u, 3u, 4u, 6u, 7u}) {
-        EXPECT_NE(std::string("QWERTYUIOPASDFGHJKLZXCVBNM1234567890_").find(hashed[i]),
-                  std::string::npos);
+// The hash as described, one running sum per level, for names the worked examples miss.
+std::string referencePrefix(const std::string& name) {
+    static const char table[] = "QWERTYUIOPASDFGHJKLZXCVBNM1234567890_";
+    uint32_t sums[6] = {};
+    for (size_t i = 1; i <= name.size(); ++i) {
+        for (uint32_t k = 0; k < 6; ++k) {
+            sums[k] += (static_cast<uint32_t>(i) + k) * (static_cast<uint32_t>(i) + k) *
+                       static_cast<unsigned char>(name[i - 1]);
+        }
     }
-    // Sums of long names wrap; only their low bytes count, so the result is deterministic.
-    const std::string longName(100000, '\xff');
-    EXPECT_EQ(take(createHash(longName.c_str())), take(createHash(longName.c_str())));
+    std::string prefix;
+    for (int k = 0; k < 6; ++k) {
+        prefix += table[(sums[k] & 0xFF) % 37];
+        if (k % 2 == 1) prefix += '/';
+    }
+    return prefix;
+}
+
+TEST(LayoutHash, createHashMatchesTheSixSumsForHighBytesAndLongNames) {
+    std::vector<std::string> names = {"\xc3\xa9t\xc3\xa9", std::string(100000, '\xff'),
+                                      std::string(70000, 'z') + "tail"};
+    uint32_t seed = 12345;
+    for (int n = 0; n < 300; ++n) {
+        std::string name;
+        for (int i = 0; i < n; ++i) {
+            seed = seed * 1103515245u + 12345u;
+            name += static_cast<char>((seed >> 16) % 255 + 1);
+        }
+        names.push_back(name);
+    }
+    for (const std::string& name : names) {
+        ASSERT_EQ(take(createHash(name.c_str())), referencePrefix(name) + name)
+            << "name of " << name.size() << " bytes";
+    }
 }
 
 struct ConvertCase {

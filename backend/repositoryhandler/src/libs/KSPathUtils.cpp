@@ -25,15 +25,20 @@ constexpr unsigned kHashTableSize = sizeof(sHashTable) - 1;
 constexpr size_t kPrefixLength = 9;
 
 // Writes the "AB/CD/EF/" prefix of the first `length` bytes of `name` into `out`.
+// Sum k is the sum of (i+k)^2 * c_i = C + 2kB + k^2 A with A = sum c_i, B = sum i c_i and
+// C = sum i^2 c_i, so one pass keeps three sums instead of six. Arithmetic is modulo 2^32, as
+// the six sums themselves would be, so their low bytes come out the same.
 void hashPrefix(const char* name, size_t length, char* out) {
-    uint32_t sums[6] = {0, 0, 0, 0, 0, 0};
+    uint32_t a = 0, b = 0, c = 0;
     for (size_t i = 1; i <= length; ++i) {
-        const uint32_t c = static_cast<unsigned char>(name[i - 1]);
-        for (uint32_t k = 0; k < 6; ++k) {
-            const uint32_t weight = static_cast<uint32_t>(i) + k;
-            sums[k] += weight * weight * c;
-        }
+        const uint32_t value = static_cast<unsigned char>(name[i - 1]);
+        const uint32_t index = static_cast<uint32_t>(i);
+        a += value;
+        b += index * value;
+        c += index * index * value;
     }
+    uint32_t sums[6];
+    for (uint32_t k = 0; k < 6; ++k) sums[k] = c + 2 * k * b + k * k * a;
     size_t pos = 0;
     for (int k = 0; k < 6; ++k) {
         out[pos++] = sHashTable[(sums[k] & 0xFF) % kHashTableSize];
