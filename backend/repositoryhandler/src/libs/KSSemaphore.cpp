@@ -86,19 +86,16 @@ bool KSSemaphore::lock_ms(int timeoutMs, float initialDelay, float growth, float
                           float jitter) {
     if (lockResource()) return true;
     const bool budgeted = timeoutMs > 0;
-    double remaining = timeoutMs;
+    long remaining = timeoutMs;
     double delay = initialDelay / 2.0;
     for (;;) {
         if (budgeted && remaining <= 0) throw KSTimeoutException(1, "Semaphore timed out");
-        // At least a millisecond, so a zero delay cannot turn the wait into a busy loop.
-        double step = std::max(1.0, delay * uniformFactor(1.0 - jitter, 1.0 + jitter));
-        if (budgeted && step >= remaining) {
-            step = remaining;
-            remaining = 0;
-        } else {
-            remaining -= step;
-        }
-        KSClock::sleepMillis(std::lround(step));
+        // Whole milliseconds, at least one, so the steps add up to the budget exactly and a
+        // zero delay cannot turn the wait into a busy loop.
+        long step = std::max(1L, std::lround(delay * uniformFactor(1.0 - jitter, 1.0 + jitter)));
+        if (budgeted && step >= remaining) step = remaining;
+        remaining -= step;
+        KSClock::sleepMillis(step);
         if (delay < maxDelay) delay = std::min<double>(delay * growth, maxDelay);
         if (lockResource()) return true;
     }

@@ -1,0 +1,45 @@
+#include "KSSemaphoreGlobal.h"
+
+#include <exception>
+
+#include "DBConnector.h"
+#include "KSException.h"
+#include "LockDB.h"
+
+KSSemaphoreGlobal::KSSemaphoreGlobal(const std::string& name, kelp::db::DBConnector* connector)
+    : KSSemaphore(name), connector_(connector) {}
+
+// The base destructor cannot reach this class's unlock (the derived part is gone by then), so
+// the lock row is given back here.
+KSSemaphoreGlobal::~KSSemaphoreGlobal() {
+    if (!releaseOnDestruction_ || !locked_) return;
+    try {
+        KSSemaphoreGlobal::unlock();
+    } catch (...) {
+        // A destructor must not throw; the row stays until releaseLock removes it.
+    }
+    locked_ = false;
+}
+
+// The unique key on the lock id makes exactly one of several concurrent inserts succeed, so the
+// insert itself is the atomic test-and-set; a busy lock answers false at once.
+bool KSSemaphoreGlobal::lockResource() {
+    if (connector_ == nullptr) {
+        try {
+            ownConnector_.reset(kelp::db::DBConnector::createConnector(false));
+        } catch (const std::exception&) {
+            ownConnector_.reset();
+        }
+        if (!ownConnector_)
+            throw KSException("KSSemaphoreGlobal::lockResource : connector could not be created");
+        connector_ = ownConnector_.get();
+    }
+    locked_ = connector_->lockDB()->lockFirstTime(name_, name_, "SEM", 0);
+    return locked_;
+}
+
+void KSSemaphoreGlobal::unlock() {
+    if (!locked_) return;
+    locked_ = false;
+    connector_->lockDB()->releaseLock(name_);
+}

@@ -1,0 +1,232 @@
+// The dirty set of a repository: its .dirty file, shared between processes, and the in-memory
+// cache that spares file access for 60 seconds.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "ClockControl.h"
+#include "KSAssertionException.h"
+#include "KSClock.h"
+#include "KSDirtyFlagHandler.h"
+#include "KSPathUtils.h"
+#include "ScopedEnv.h"
+#include "SyslogCapture.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class TempDir {
+  public:
+    TempDir() {
+        char pattern[] = "/tmp/dirty_flags_test.XXXXXX";
+        path_ = mkdtemp(pattern);
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        fs::remove_all(path_, ignored);
+    }
+    const std::string& path() const { return path_; }
+
+  private:
+    std::string path_;
+};
+
+// A repository directory and a lock directory of its own for each test.
+class DirtyFlagsTest : public ::testing::Test {
+  protected:
+    DirtyFlagsTest()
+        : repository_(dir_.path() + "/repo"),
+          locks_(dir_.path() + "/locks"),
+          lockVar_("LOCK_VAR", (dir_.path() + "/locks").c_str()) {
+        fs::create_directory(repository_);
+        fs::create_directory(locks_);
+        dirtyFile_ = repository_ + "/.dirty";
+    }
+
+    std::string readFile() const {
+        std::ifstream in(dirtyFile_, std::ios::binary);
+        std::stringstream content;
+        content << in.rdbuf();
+        return content.str();
+    }
+
+    // Rewrites the file as another writer would, with a modification time of its own so the
+    // change is visible however coarse the file system's clock is.
+    void rewriteFile(const std::string& content, time_t mtime) const {
+        std::ofstream(dirtyFile_, std::ios::binary | std::ios::trunc) << content;
+        struct timespec times[2] = {{mtime, 0}, {mtime, 0}};
+        utimensat(AT_FDCWD, dirtyFile_.c_str(), times, 0);
+    }
+
+    // The lock file that guards the dirty file, as another process would hold it.
+    std::string fileLockPath() const {
+        std::unique_ptr<char[]> id(toResourceID(dirtyFile_.c_str(), ""));
+        return locks_ + "/semaphore_" + id.get();
+    }
+
+    TempDir dir_;
+    std::string repository_;
+    std::string locks_;
+    ScopedEnv lockVar_;
+    std::string dirtyFile_;
+};
+
+int waitForChild(pid_t pid) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+TEST_F(DirtyFlagsTest, withoutAFileEveryResourceIsCleanAndClearingWritesNothing) {
+    KSDirtyFlagHandler flags;
+    flags.setRepository(nullptr, repository_.c_str(), false);
+    EXPECT_EQ(fs::canonical(repository_).string() + "/.dirty", flags.filePath());
+    EXPECT_FALSE(flags.isDirty(nullptr, "a", false));
+    flags.setDirty(nullptr, "a", false);
+    EXPECT_FALSE(fs::exists(dirtyFile_));
+}
+
+TEST_F(DirtyFlagsTest, fileHoldsOneSortedNamePerLineAndFollowsEveryChange) {
+    KSDirtyFlagHandler flags;
+    flags.setRepository(nullptr, repository_.c_str(), false);
+    flags.setDirty(nullptr, "c", true);
+    flags.setDirty(nullptr, "a", true);
+    flags.setDirty(nullptr, "b", true);
+    EXPECT_EQ("a\nb\nc\n", readFile());
+    EXPECT_TRUE(flags.isDirty(nullptr, "b", false));
+    flags.setDirty(nullptr, "a", false);
+    EXPECT_EQ("b\nc\n", readFile());
+    EXPECT_FALSE(flags.isDirty(nullptr, "a", false));
+    flags.clearDirtySet(nullptr);
+    EXPECT_TRUE(fs::exists(dirtyFile_));
+    EXPECT_EQ("", readFile());
+    EXPECT_TRUE(flags.snapshot().empty());
+    EXPECT_FALSE(fs::exists(fileLockPath())) << "the file lock is given back";
+}
+
+// With the file lock held by somebody else, any attempt to write would wait and log; a change
+// that changes nothing must not even try.
+TEST_F(DirtyFlagsTest, settingAFlagThatIsAlreadySetDoesNotWriteAgain) {
+    ClockGuard clock;
+    KSClock::setVirtualSleepForTesting(true);
+    KSDirtyFlagHandler flags;
+    flags.setRepository(nullptr, repository_.c_str(), false);
+    flags.setDirty(nullptr, "a", true);
+    ASSERT_EQ("a\n", readFile());
+
+    close(open(fileLockPath().c_str(), O_CREAT | O_EXCL | O_RDONLY, 0600));
+    SyslogCapture syslog;
+    flags.setDirty(nullptr, "a", true);
+    EXPECT_EQ(0, KSClock::offsetMillisForTesting());
+    EXPECT_EQ(0, syslog.countContaining("could not be locked"));
+}
+
+TEST_F(DirtyFlagsTest, lockedFileKeepsTheChangeInMemoryOnlyAndSaysSo) {
+    ClockGuard clock;
+    KSClock::setVirtualSleepForTesting(true);
+    KSDirtyFlagHandler flags;
+    flags.setRepository(nullptr, repository_.c_str(), false);
+    flags.setDirty(nullptr, "a", true);
+    close(open(fileLockPath().c_str(), O_CREAT | O_EXCL | O_RDONLY, 0600));
+
+    SyslogCapture syslog;
+    flags.setDirty(nullptr, "b", true);
+    EXPECT_TRUE(
+        syslog.findEqual("The dirty mechanism \"" + flags.filePath() + "\" could not be locked."));
+    EXPECT_EQ("a\n", readFile());
+    EXPECT_EQ((std::set<std::string>{"a", "b"}), flags.snapshot());
+    EXPECT_TRUE(fs::exists(fileLockPath())) << "somebody else's lock is left alone";
+}
+
+TEST_F(DirtyFlagsTest, fileRewrittenByAnotherProcessIsSeenByTheNextUncachedQuery) {
+    KSDirtyFlagHandler flags;
+    flags.setRepository(nullptr, repository_.c_str(), false);
+    flags.setDirty(nullptr, "a", true);
+
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        int code = 0;
+        {
+            KSDirtyFlagHandler other;
+            other.setRepository(nullptr, repository_.c_str(), false);
+            code = other.isDirty(nullptr, "a", false) ? 0 : 1;
+            other.setDirty(nullptr, "b", true);
+        }
+        _exit(code);
+    }
+    EXPECT_EQ(0, waitForChild(pid)) << "the other process did not see this one's entry";
+    EXPECT_EQ("a\nb\n", readFile());
+    EXPECT_TRUE(flags.isDirty(nullptr, "b", false));
+
+    flags.setDirty(nullptr, "c", true);
+    EXPECT_EQ("a\nb\nc\n", readFile()) << "the other process's entry survives our write";
+}
+
+TEST_F(DirtyFlagsTest, cachedQueryIgnoresTheFileForSixtySeconds) {
+    ClockGuard clock;
+    KSDirtyFlagHandler flags;
+    flags.setRepository(nullptr, repository_.c_str(), false);
+    flags.setDirty(nullptr, "a", true);
+    rewriteFile("b\n", time(nullptr) - 3600);
+
+    EXPECT_TRUE(flags.isDirty(nullptr, "a", true));
+    EXPECT_FALSE(flags.isDirty(nullptr, "b", true));
+    KSClock::advanceForTesting(59);
+    EXPECT_TRUE(flags.isDirty(nullptr, "a", true));
+    EXPECT_FALSE(flags.isDirty(nullptr, "b", true));
+    KSClock::advanceForTesting(2);
+    EXPECT_TRUE(flags.isDirty(nullptr, "b", true));
+    EXPECT_FALSE(flags.isDirty(nullptr, "a", true));
+}
+
+TEST_F(DirtyFlagsTest, fileRemovedByAnotherProcessMakesEverythingClean) {
+    KSDirtyFlagHandler flags;
+    flags.setRepository(nullptr, repository_.c_str(), false);
+    flags.setDirty(nullptr, "a", true);
+    fs::remove(dirtyFile_);
+    EXPECT_FALSE(flags.isDirty(nullptr, "a", false));
+    EXPECT_TRUE(flags.snapshot().empty());
+}
+
+TEST_F(DirtyFlagsTest, blankAndOverlongLinesAreTakenAsTheyStand) {
+    const std::string longName(1500, 'x');
+    rewriteFile("a\n\n" + longName + "\nlast", time(nullptr) - 60);
+    KSDirtyFlagHandler flags;
+    flags.setRepository(nullptr, repository_.c_str(), false);
+    std::set<std::string> expected = {"", "a", std::string(1023, 'x'), std::string(477, 'x'),
+                                      "last"};
+    EXPECT_EQ(expected, flags.snapshot());
+    EXPECT_TRUE(flags.isDirty(nullptr, "", false));
+
+    flags.setDirty(nullptr, "a", false);
+    EXPECT_EQ("\nlast\n" + std::string(477, 'x') + "\n" + std::string(1023, 'x') + "\n",
+              readFile());
+}
+
+TEST_F(DirtyFlagsTest, badArgumentsAreRefusedWithoutTouchingTheFile) {
+    KSDirtyFlagHandler flags;
+    EXPECT_THROW(flags.setRepository(nullptr, nullptr, false), KSAssertionException);
+    flags.setRepository(nullptr, repository_.c_str(), false);
+    EXPECT_THROW(flags.isDirty(nullptr, nullptr, false), KSAssertionException);
+    EXPECT_THROW(flags.setDirty(nullptr, nullptr, true), KSAssertionException);
+
+    SyslogCapture syslog;
+    flags.setDirty(nullptr, "a\nb", true);
+    EXPECT_FALSE(fs::exists(dirtyFile_));
+    EXPECT_EQ(1, syslog.countContaining("contains a line feed"));
+}
