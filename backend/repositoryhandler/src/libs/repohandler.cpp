@@ -163,3 +163,25 @@ char* unAge_(const char* repository, const char* resource, DBConnector* db) {
     auto repo = getRepository(db, repository, true);
     return repo->unAge(repo->getDbConnector(db), resource);
 }
+
+// ---- coordination: explicit resource locks and dirty flags ---------------------------------
+
+int lockResource_(const char* repository, const char* resource, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->lockResource(repo->getDbConnector(db), resource);
+}
+
+int unlockResource_(const char* repository, const char* resource, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->unlockResource(repo->getDbConnector(db), resource);
+}
+
+int isDirty_(const char* repository, const char* resource, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    return repo->isDirty(repo->getDbConnector(db), resource);
+}
+
+void setDirty_(const char* repository, const char* resource, bool dirty, DBConnector* db) {
+    auto repo = getRepository(db, repository, true);
+    repo->setDirty(repo->getDbConnector(db), resource, dirty);
+}
