@@ -1,0 +1,224 @@
+// Lookups on real tmpfs mounts: first hit for clean resources, merging of dirty duplicates,
+// dead mounts, the information callback, the resolver and the legacy directory.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "KSRepositoryHandler.h"
+#include "ResourceFiles.h"
+#include "ScopedEnv.h"
+#include "ScratchRepository.h"
+#include "SyslogCapture.h"
+#include "TaskdHome.h"
+#include "TempTree.h"
+#include "TmpfsMount.h"
+#include "repohandler.h"
+
+namespace {
+
+constexpr unsigned long long kMountBytes = 256 * 4096;
+
+// Runs the scope in another working directory (where an injected "touch PWNED" would land).
+class WorkingDirectory {
+  public:
+    explicit WorkingDirectory(const std::string& path) {
+        if (::getcwd(old_, sizeof(old_)) == nullptr) old_[0] = '\0';
+        changed_ = ::chdir(path.c_str()) == 0;
+    }
+    ~WorkingDirectory() {
+        if (changed_ && old_[0] != '\0') (void)::chdir(old_);
+    }
+    bool changed() const { return changed_; }
+
+  private:
+    char old_[4096];
+    bool changed_ = false;
+};
+
+class PlacementLookup : public ::testing::Test {
+  protected:
+    void SetUp() override { RH_REQUIRE_MOUNTS(); }
+
+    // Three tmpfs mounts p1..p3 and repository.cfg with `keys` (file locks, no database).
+    void makeRepository(ScratchRepository::Keys keys = {}) {
+        for (const char* name : {"p1", "p2", "p3"}) repo_.addTmpfsMount(name, kMountBytes, 200);
+        keys.emplace_back("isShared", "false");
+        repo_.writeConfig(keys);
+    }
+    std::shared_ptr<KSRepositoryHandler> handler() {
+        return getRepository(nullptr, repo_.path().c_str(), true);
+    }
+    // getLocation_ with the lock; the path or "" for null.
+    std::string locate(const std::string& name, int* status, bool touch = false,
+                       bool useCallback = true) {
+        char* found = getLocation_(repo_.path().c_str(), name.c_str(), status, touch, true,
+                                   useCallback, false, nullptr);
+        std::string result = found ? found : "";
+        release(found);
+        return result;
+    }
+
+    TempTree locks_;
+    ScopedEnv lockVar_{"LOCK_VAR", locks_.root().c_str()};
+    ScratchRepository repo_;
+};
+
+TEST_F(PlacementLookup, CleanResourceIsFoundOnTheFirstMountAndLaterMountsAreNotLookedAt) {
+    makeRepository();
+    const std::string first = putResource(repo_.mountPath(0), "study1");
+    const std::string third = putResource(repo_.mountPath(2), "study1");
+    setTimes(first, 1000);
+    setTimes(third, 1000);
+
+    int status = -1;
+    EXPECT_EQ(locate("study1", &status, true), first);
+    EXPECT_EQ(status, 0);
+    // With touch set, every copy the lookup reached would carry the time of now.
+    EXPECT_GT(modificationTime(first), 1000);
+    EXPECT_EQ(modificationTime(third), 1000);
+    EXPECT_TRUE(entryExists(third + "/f"));
+}
+
+TEST_F(PlacementLookup, DirtyDuplicatesAreMergedOntoTheLastMountAndTheFlagIsCleared) {
+    makeRepository();
+    const std::string first = putResource(repo_.mountPath(0), "study1", "a", "from p1");
+    const std::string third = putResource(repo_.mountPath(2), "study1", "b", "from p3");
+    handler()->dirtyFlags().setDirty(nullptr, "study1", true);
+
+    int status = -1;
+    EXPECT_EQ(locate("study1", &status), third);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readFile(third + "/a"), "from p1");
+    EXPECT_EQ(readFile(third + "/b"), "from p3");
+    EXPECT_TRUE(hashLevelsOn(repo_.mountPath(0)).empty()) << "empty hash levels stay on p1";
+    EXPECT_FALSE(handler()->dirtyFlags().isDirty(nullptr, "study1", false));
+}
+
+TEST_F(PlacementLookup, DuplicatesThatDifferAreLeftInPlaceWithStatusTwo) {
+    makeRepository();
+    const std::string first = putResource(repo_.mountPath(0), "study1", "a", "one");
+    const std::string second = putResource(repo_.mountPath(1), "study1", "a", "other");
+    handler()->dirtyFlags().setDirty(nullptr, "study1", true);
+
+    int status = -1;
+    EXPECT_EQ(locate("study1", &status), first);
+    EXPECT_EQ(status, 2);
+    EXPECT_EQ(readFile(first + "/a"), "one");
+    EXPECT_EQ(readFile(second + "/a"), "other");
+    EXPECT_TRUE(handler()->dirtyFlags().isDirty(nullptr, "study1", false));
+}
+
+TEST_F(PlacementLookup, DirtyResourceStaysDirtyWithStatusOneWhileAMountIsDead) {
+    makeRepository();
+    const std::string first = putResource(repo_.mountPath(0), "study1");
+    ::unlink((repo_.mountPath(1) + "/repositorypart.cfg").c_str());
+    handler()->dirtyFlags().setDirty(nullptr, "study1", true);
+
+    int status = -1;
+    EXPECT_EQ(locate("study1", &status), first);
+    EXPECT_EQ(status, 1);
+    EXPECT_TRUE(handler()->dirtyFlags().isDirty(nullptr, "study1", false));
+}
+
+TEST_F(PlacementLookup, LookupOnANamedMountAnswersForThatMountOnly) {
+    makeRepository();
+    const std::string second = putResource(repo_.mountPath(1), "study1");
+    int status = -1;
+    char* found =
+        getLocationOnMount_(repo_.path().c_str(), "study1", "p2", &status, true, nullptr, false);
+    EXPECT_EQ(found ? std::string(found) : "", second);
+    release(found);
+
+    EXPECT_EQ(
+        getLocationOnMount_(repo_.path().c_str(), "study1", "p1", &status, true, nullptr, false),
+        nullptr);
+    EXPECT_EQ(status, 36);
+    SyslogCapture log;
+    EXPECT_EQ(getLocationOnMount_(repo_.path().c_str(), "study1", "nowhere", &status, true, nullptr,
+                                  false),
+              nullptr);
+    EXPECT_EQ(status, 4);
+    EXPECT_TRUE(log.findContaining("mount cannot be found"));
+}
+
+TEST_F(PlacementLookup, AuthoritativeCallbackDecidesWithoutLookingAtTheMounts) {
+    TaskdHome taskd;
+    makeRepository({{"callback", "RepositoryStudyCallback"}, {"authoritativeMode", "true"}});
+    putResource(repo_.mountPath(0), "study1");
+
+    int status = -1;
+    EXPECT_EQ(locate("study1", &status), "");
+    EXPECT_EQ(status, 36) << "the copy on p1 must not be found: the callback is the authority";
+    ASSERT_EQ(taskd.calls().size(), 1u);
+    EXPECT_EQ(taskd.calls()[0],
+              "-c | getinfo quorra.repohandler.RepositoryStudyCallback -r "
+              "study1 -p " +
+                  repo_.path() + " | ");
+
+    taskd.answer("/archive/elsewhere/study1  \n");
+    EXPECT_EQ(locate("study1", &status), "/archive/elsewhere/study1");
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(PlacementLookup, NamesThatWouldLeaveTheirQuotesRunNothing) {
+    TaskdHome taskd;
+    TempTree cwd;
+    WorkingDirectory inCwd(cwd.root());
+    ASSERT_TRUE(inCwd.changed());
+    makeRepository({{"callback", "RepositoryStudyCallback"},
+                    {"authoritativeMode", "false"},
+                    {"resolver", "RepositoryDataResolver"}});
+    const std::string evil = "$(touch PWNED)";
+    const std::string first = putResource(repo_.mountPath(0), evil, "a", "one");
+    const std::string second = putResource(repo_.mountPath(1), evil, "b", "two");
+    handler()->dirtyFlags().setDirty(nullptr, evil.c_str(), true);
+
+    int status = -1;
+    EXPECT_EQ(locate(evil, &status), first);
+    EXPECT_EQ(status, 2) << "the refused resolver counts as a failed merge";
+    EXPECT_TRUE(taskd.calls().empty());
+    EXPECT_TRUE(entryExists(first + "/a"));
+    EXPECT_TRUE(entryExists(second + "/b"));
+
+    // A single quote is harmless inside the double quotes of the callback command.
+    locate("x'; touch PWNED; '", &status);
+    EXPECT_EQ(taskd.calls().size(), 1u);
+    EXPECT_FALSE(entryExists(cwd.path("PWNED")));
+}
+
+TEST_F(PlacementLookup, ResourceOnlyInTheLegacyDirectoryIsTakenOverOntoAMount) {
+    TempTree legacy;
+    legacy.write("old1/img", "pixels");
+    makeRepository({{"legacyDir", legacy.root()}, {"maintainLegacyLinks", "true"}});
+
+    int status = -1;
+    const std::string location = locate("old1", &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(location, resourceLocation(repo_.mountPath(0), "old1"));
+    EXPECT_EQ(readFile(location + "/img"), "pixels");
+    char target[4096] = {};
+    ASSERT_GT(::readlink(legacy.path("old1").c_str(), target, sizeof(target) - 1), 0)
+        << "the legacy entry becomes a link to the new location";
+    EXPECT_EQ(std::string(target), location);
+
+    EXPECT_EQ(locate("never-seen", &status), "");
+    EXPECT_EQ(status, 4);
+}
+
+TEST_F(PlacementLookup, LegacyLinkIsNotFollowedUnlessConfigured) {
+    TempTree legacy;
+    TempTree elsewhere;
+    elsewhere.write("data/img", "pixels");
+    ASSERT_EQ(::symlink(elsewhere.path("data").c_str(), legacy.path("old2").c_str()), 0);
+    makeRepository({{"legacyDir", legacy.root()}});
+
+    int status = -1;
+    EXPECT_EQ(locate("old2", &status), "");
+    EXPECT_EQ(status, 4);
+    EXPECT_TRUE(entryExists(elsewhere.path("data/img")));
+}
+
+}  // namespace
