@@ -20,8 +20,9 @@
 namespace {
 
 // The modified UTF-8 characters of one Java string, released when the holder goes out of scope.
-// A null Java string gives a null text (the C call then rejects it); a conversion that fails for
-// lack of memory leaves an OutOfMemoryError pending and makes failed() true.
+// A conversion that fails for lack of memory leaves an OutOfMemoryError pending and makes
+// failed() true. A null Java string is refused by get(), inside the native's catch-all, so that
+// no C function ever sees a null text from Java.
 class JStringUtf {
   public:
     JStringUtf(JNIEnv* env, jstring string)
@@ -35,7 +36,10 @@ class JStringUtf {
     JStringUtf(const JStringUtf&) = delete;
     JStringUtf& operator=(const JStringUtf&) = delete;
 
-    const char* get() const { return chars_; }
+    const char* get() const {
+        if (!chars_) throw std::invalid_argument("a Java string argument is null");
+        return chars_;
+    }
     // The text for log lines: never null.
     const char* text() const { return chars_ ? chars_ : "(null)"; }
     bool failed() const { return string_ && !chars_; }
