@@ -194,6 +194,27 @@ TEST_F(DirtyFlagsTest, cachedQueryIgnoresTheFileForSixtySeconds) {
     EXPECT_FALSE(flags.isDirty(nullptr, "a", true));
 }
 
+// A stat of the file path that fails is logged; with the path made unresolvable, the absence of
+// that line shows that cached queries do not touch the file system at all.
+TEST_F(DirtyFlagsTest, cachedQueryMakesNoFileAccessWithinTheWindow) {
+    ClockGuard clock;
+    KSDirtyFlagHandler flags;
+    flags.setRepository(nullptr, repository_.c_str(), false);
+    flags.setDirty(nullptr, "a", true);
+    fs::rename(repository_, repository_ + ".moved");
+    fs::create_symlink(repository_, repository_);  // a link to itself: stat fails with ELOOP
+
+    SyslogCapture syslog;
+    KSClock::advanceForTesting(59);
+    EXPECT_TRUE(flags.isDirty(nullptr, "a", true));
+    EXPECT_EQ(0, syslog.countContaining("can not be stat-ed"));
+    KSClock::advanceForTesting(1);
+    EXPECT_TRUE(flags.isDirty(nullptr, "a", true)) << "an unreadable file keeps the set";
+    EXPECT_TRUE(syslog.findEqual("The file \"" + flags.filePath() +
+                                 "\" can not be stat-ed. Error code is 40 - Too many levels of "
+                                 "symbolic links"));
+}
+
 TEST_F(DirtyFlagsTest, fileRemovedByAnotherProcessMakesEverythingClean) {
     KSDirtyFlagHandler flags;
     flags.setRepository(nullptr, repository_.c_str(), false);
