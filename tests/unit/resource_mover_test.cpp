@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <utime.h>
 
+#include <ctime>
 #include <list>
 #include <string>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "ImmutableFlag.h"
 #include "KSAssertionException.h"
 #include "KSPathUtils.h"
+#include "KSRepositoryHandler.h"
 #include "KSResourceMover.h"
 #include "ScopedEnv.h"
 #include "ShellCommand.h"
@@ -185,6 +187,38 @@ TEST(ResourceMover, aMountPluginTakesThePlaceOfCpAndItsResultIsReturned) {
     EXPECT_TRUE(present(tree.path("m2/AB"))) << "the parent is prepared for the plug-in";
     EXPECT_FALSE(present(destination)) << "cp was not run";
     EXPECT_TRUE(present(origin));
+}
+
+void ageTree(const TempTree& tree, const std::vector<std::string>& dirs, time_t when) {
+    struct utimbuf old = {when, when};
+    for (const std::string& dir : dirs) utime(tree.path(dir).c_str(), &old);
+}
+
+time_t modified(const std::string& path) {
+    struct stat st = {};
+    stat(path.c_str(), &st);
+    return st.st_mtime;
+}
+
+TEST(ResourceMover, aMergedMoveRenewsTheHashLevelsOfBothMountsWhenTheRepositoryCountsSizes) {
+    for (const bool countSize : {true, false}) {
+        TempTree tree;
+        tree.write("repo/repository.cfg", countSize ? "countSize=true\n" : "countSize=false\n");
+        KSRepositoryHandler repository(nullptr, tree.path("repo").c_str());
+        ASSERT_EQ(repository.settings().countSize, countSize);
+        tree.write("m1/AB/CD/EF/study1/a", "alpha");
+        tree.mkdir("m2/AB/CD/EF/study1");
+        const time_t old = time(nullptr) - 5 * 86400;
+        ageTree(tree, {"m1/AB", "m1/AB/CD", "m2/AB", "m2/AB/CD", "m2/AB/CD/EF"}, old);
+
+        EXPECT_EQ(moveRes(&repository, tree.path("m1/AB/CD/EF/study1").c_str(),
+                          tree.path("m2/AB/CD/EF/study1").c_str(), nullptr, nullptr, "", "study1",
+                          "/repo", false),
+                  0);
+        EXPECT_EQ(modified(tree.path("m1/AB/CD")) > old, countSize);
+        EXPECT_EQ(modified(tree.path("m2/AB/CD/EF")) > old, countSize);
+        EXPECT_EQ(modified(tree.path("m2/AB")) > old, countSize);
+    }
 }
 
 TEST(ResourceMover, aMissingOriginIsAProgrammingError) {
