@@ -189,6 +189,24 @@ TEST_F(PlacementLookup, NamesThatWouldLeaveTheirQuotesRunNothing) {
     EXPECT_FALSE(entryExists(cwd.path("PWNED")));
 }
 
+TEST_F(PlacementLookup, DuplicatesWithAQuoteInTheirNameAreNeverMergedThroughTheShell) {
+    TempTree cwd;
+    WorkingDirectory inCwd(cwd.root());
+    ASSERT_TRUE(inCwd.changed());
+    makeRepository();
+    const std::string evil = "x'; touch PWNED; '";
+    const std::string first = putResource(repo_.mountPath(0), evil, "a", "one");
+    const std::string third = putResource(repo_.mountPath(2), evil, "b", "two");
+    handler()->dirtyFlags().setDirty(nullptr, evil.c_str(), true);
+
+    int status = -1;
+    EXPECT_EQ(locate(evil, &status), first);
+    EXPECT_EQ(status, 2);
+    EXPECT_EQ(readFile(first + "/a"), "one");
+    EXPECT_EQ(readFile(third + "/b"), "two");
+    EXPECT_FALSE(entryExists(cwd.path("PWNED")));
+}
+
 TEST_F(PlacementLookup, ResourceOnlyInTheLegacyDirectoryIsTakenOverOntoAMount) {
     TempTree legacy;
     legacy.write("old1/img", "pixels");

@@ -6,6 +6,7 @@
 #include "KSMountPointHandler.h"
 #include "KSPathUtils.h"
 #include "KSRepositoryHandler.h"
+#include "KSStatus.h"
 
 char* newText(const std::string& text) {
     char* copy = new char[text.size() + 1];
@@ -38,6 +39,12 @@ KSMountPointHandler* findMountHolding(KSRepositoryHandler& repository, const std
 
 std::string legacyPathOf(const KSRepositoryHandler& repository, const char* resource) {
     return repository.settings().legacyDir + "/" + resource;
+}
+
+int moveFailureStatus(int moveResult) {
+    if (moveResult == RESOURCE_STATUS_CONFLICT || moveResult == RESOURCE_STATUS_ERRONEOUS)
+        return moveResult;
+    return RESOURCE_STATUS_CONFLICT;
 }
 
 std::string resourceLockId(const KSRepositoryHandler& repository, const char* resource) {

@@ -20,5 +20,9 @@ KSMountPointHandler* findMountByName(KSRepositoryHandler& repository, const char
 KSMountPointHandler* findMountHolding(KSRepositoryHandler& repository, const std::string& path);
 // Legacy path of `resource`: legacyDir + "/" + resource.
 std::string legacyPathOf(const KSRepositoryHandler& repository, const char* resource);
+// The status a lookup reports for a failed move: 2 (conflict) and 8 (failure) as they stand;
+// anything else, such as the raw status of a failed or refused shell command, is reported as
+// an unresolved conflict (2), so callers only ever see the small status codes.
+int moveFailureStatus(int moveResult);
 // The lock identity of `resource` in `repository`.
 std::string resourceLockId(const KSRepositoryHandler& repository, const char* resource);

@@ -102,7 +102,7 @@ char* KSRepositoryHandler::takeOverFromLegacy(const char* resource, int* status,
                         mount.moveParams().c_str(), settings_.callback.c_str(), resource,
                         path_.c_str(), false);
     if (moved != 0) {
-        *status = moved;
+        *status = moveFailureStatus(moved);
         return nullptr;
     }
     std::string legacyPath = legacyPathOf(*this, resource);

@@ -138,7 +138,7 @@ SearchStep resolveConflict(Lookup& lookup, KSMountPointHandler& mount, int mount
             "There is a conflict in getLocation, which couldn't be fully resolved (moveRes "
             "couldn't move everything, there are different files). Giving back: %s",
             lookup.result.c_str());
-        *lookup.status = merged;
+        *lookup.status = moveFailureStatus(merged);
         return SearchStep::Stop;
     }
     const KSRepositoryHandler::Settings& settings = lookup.repo.settings();
@@ -215,9 +215,9 @@ char* KSRepositoryHandler::getLocation(kelp::db::DBConnector* connection, const 
         }
     }
 
-    std::string lockId = resourceLockId(*this, lookup.resource);
     std::optional<SmartSemaphore> semaphore;
     if (lock) {
+        std::string lockId = resourceLockId(*this, lookup.resource);
         semaphore.emplace(settings_.isShared, lockId.c_str(), connection);
         if (!semaphore->lock()) {
             rh_logger.errorLog("The resource \"%s\" could not be locked.", lockId.c_str());
