@@ -187,15 +187,24 @@ public:
 
     // ---- removal, status, time properties (KSRepositoryRemove.cpp) ----------------------
 
+    // The status of a locked lookup with the callback (KSResourceStatus).
     int checkResourceStatus(kelp::db::DBConnector* connection, const char* resource);
+    // Removal results are the statuses of the single removals ORed together: 0 removed, 1 still
+    // dirty (nothing removed), 4 nowhere, 8 erroneous (also an unsafe name), 16 lock failed.
     int removeResource(kelp::db::DBConnector* connection, const char* resource, bool lock,
                        bool useCallback);
     int removeResourceOnMount(kelp::db::DBConnector* connection, const char* resource,
                               const char* mountName, bool lock, bool useCallback);
+    // Access and modification time of the resource's location; false (pair untouched) when the
+    // resource is not found. setTimeProperties: utime on the location.
     bool getTimeProperties(kelp::db::DBConnector* connection, const char* resource,
                            struct utimbuf* times);
     bool setTimeProperties(kelp::db::DBConnector* connection, const char* resource,
                            const struct utimbuf* times);
+    // Empties the whole repository: clears the dirty set, gives back every mount taken out and
+    // removes (locked, with the callback) every resource listed by listResources, the legacy
+    // directory's entries included. Only entries below the hash levels are taken for
+    // resources, so the mounts' own files stay.
     void makeEmpty(kelp::db::DBConnector* connection);
 
     // ---- legacy directory (KSRepositoryLegacy.cpp) ---------------------------------------
