@@ -171,16 +171,6 @@ TEST(LayoutHash, normalizeFileNameResolvesDotsLexically) {
     EXPECT_EQ(normalized(nullptr), "<null>");
 }
 
-TEST(LayoutHash, normalizeFileNameDoesNotResolveLinks) {
-    char dir[] = "/tmp/layout_norm_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string link = std::string(dir) + "/link";
-    ASSERT_EQ(symlink("/usr", link.c_str()), 0);
-    EXPECT_EQ(normalized((link + "/../other").c_str()), std::string(dir) + "/other");
-    unlink(link.c_str());
-    rmdir(dir);
-}
-
 TEST(LayoutHash, toResourceIdReplacesSlashesInBothParts) {
     EXPECT_EQ(take(toResourceID("main", "1.2.3/4")), "KSRepositoryHandler-main-1.2.3_4");
     EXPECT_EQ(take(toResourceID("/data/repo", "s")), "KSRepositoryHandler-_data_repo-s");

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "ImmutableFlag.h"
-#include "KSAssertionException.h"
 #include "KSPathUtils.h"
 #include "KSRepositoryHandler.h"
 #include "KSResourceMover.h"
@@ -218,16 +217,6 @@ TEST(ResourceMover, aMergedMoveRenewsTheHashLevelsOfBothMountsWhenTheRepositoryC
         EXPECT_EQ(modified(tree.path("m1/AB/CD")) > old, countSize);
         EXPECT_EQ(modified(tree.path("m2/AB/CD/EF")) > old, countSize);
         EXPECT_EQ(modified(tree.path("m2/AB")) > old, countSize);
-    }
-}
-
-TEST(ResourceMover, aMissingOriginIsAProgrammingError) {
-    TempTree tree;
-    try {
-        move(tree.path("none"), tree.path("dest"));
-        FAIL() << "no exception";
-    } catch (const KSAssertionException& e) {
-        EXPECT_EQ(e.getExpression(), "access( origin, F_OK ) == 0");
     }
 }
 
