@@ -1,0 +1,144 @@
+// Round trips of a database lock (LockDBSql::lockFirstTime + releaseLock) against the private
+// server of scripts/mariadb, as a ratio to the floor measured in the same run: the same INSERT
+// and DELETE through the bare client API, with both statements prepared once. Also reports the
+// statements the connector prepared per 10,000 calls after warm-up (should be 0).
+//
+// Needs the environment printed by "scripts/mariadb env DIR"; skips with a message without it.
+
+#include <benchmark/benchmark.h>
+#include <mysql.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "DBConnector.h"
+#include "LockDB.h"
+#include "MysqlCompat.h"
+#include "RawQueryDB.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const char kLockId[] = "bench-lock";
+constexpr int kBlock = 1000;
+constexpr int kBlocks = 5;
+
+std::string envText(const char* name) {
+    const char* value = getenv(name);
+    return value ? value : "";
+}
+
+// The floor: the lock's two statements on a plain client connection, prepared once.
+class BareLock {
+  public:
+    BareLock() {
+        handle_ = mysql_init(nullptr);
+        std::string socket = envText("MYSQL_UNIX_PORT");
+        if (!mysql_real_connect(handle_, nullptr, envText("MED_USER").c_str(), nullptr,
+                                envText("DBNAME").c_str(), 0, socket.c_str(), CLIENT_FOUND_ROWS))
+            throw std::runtime_error(mysql_error(handle_));
+        std::string table = envText("NVLOCKTBL");
+        insert_ = prepare("INSERT INTO " + table +
+                          " (LCKID,LCKRESOURCE,LCKACTOR,LCKTYPE,LCKTIME,LCKCOUNTER) VALUES "
+                          "(?,?,?,?,NOW(),1)");
+        delete_ = prepare("delete from " + table + " where  LCKID=? and LCKCOUNTER<2");
+    }
+    ~BareLock() {
+        mysql_stmt_close(insert_);
+        mysql_stmt_close(delete_);
+        mysql_close(handle_);
+    }
+
+    void roundTrip() {
+        std::string id = kLockId, resource = "resource", actor = "actor";
+        int32_t type = 1;
+        unsigned long lengths[3] = {id.size(), resource.size(), actor.size()};
+        MYSQL_BIND params[4];
+        memset(params, 0, sizeof params);
+        std::string* texts[3] = {&id, &resource, &actor};
+        for (int i = 0; i < 3; ++i) {
+            params[i].buffer_type = MYSQL_TYPE_STRING;
+            params[i].buffer = texts[i]->data();
+            params[i].buffer_length = texts[i]->size();
+            params[i].length = &lengths[i];
+        }
+        params[3].buffer_type = MYSQL_TYPE_LONG;
+        params[3].buffer = &type;
+        run(insert_, params);
+        run(delete_, params);
+    }
+
+  private:
+    MYSQL_STMT* prepare(const std::string& sql) {
+        MYSQL_STMT* stmt = mysql_stmt_init(handle_);
+        if (mysql_stmt_prepare(stmt, sql.data(), sql.size()))
+            throw std::runtime_error(mysql_stmt_error(stmt));
+        return stmt;
+    }
+    static void run(MYSQL_STMT* stmt, MYSQL_BIND* params) {
+        if (mysql_stmt_bind_param(stmt, params) || mysql_stmt_execute(stmt))
+            throw std::runtime_error(mysql_stmt_error(stmt));
+    }
+
+    MYSQL* handle_;
+    MYSQL_STMT* insert_;
+    MYSQL_STMT* delete_;
+};
+
+long long prepares(kelp::db::DBConnector& connector) {
+    std::unique_ptr<kelp::db::RawQueryDB> raw(connector.createRawQuery());
+    std::vector<std::vector<kelp::db::SqlField>> rows;
+    raw->executeQuery("SHOW SESSION STATUS LIKE 'Com_stmt_prepare'", 0, rows);
+    return std::stoll(rows.at(0).at(1).value());
+}
+
+template <class Body>
+double nanosPerCall(Body body) {
+    auto start = Clock::now();
+    for (int i = 0; i < kBlock; ++i) body();
+    return std::chrono::duration<double, std::nano>(Clock::now() - start).count() / kBlock;
+}
+
+// Blocks of the floor and of the library alternate, and the fastest block of each counts, so
+// that drift in the server's speed during the run enters both sides alike.
+void BM_lockRoundTrip(benchmark::State& state) {
+    if (envText("DBNAME").empty() || envText("MYSQL_UNIX_PORT").empty()) {
+        state.SkipWithError("no private server: eval \"$(scripts/mariadb env DIR)\" first");
+        return;
+    }
+    BareLock bare;
+    std::unique_ptr<kelp::db::DBConnector> connector(kelp::db::DBConnector::createConnector(false));
+    kelp::db::LockDB* locks = connector->lockDB();
+    auto library = [locks] {
+        if (!locks->lockFirstTime(kLockId, "resource", "actor", 1) || !locks->releaseLock(kLockId))
+            throw std::runtime_error("the benchmark lock was busy");
+    };
+    library();  // warm-up: the statements are prepared here
+    bare.roundTrip();
+    long long preparedBefore = prepares(*connector);
+    long long calls = 0;
+    double bestFloor = 1e18, bestLibrary = 1e18;
+    for (auto _ : state) {
+        for (int block = 0; block < kBlocks; ++block) {
+            bestFloor = std::min(bestFloor, nanosPerCall([&] { bare.roundTrip(); }));
+            bestLibrary = std::min(bestLibrary, nanosPerCall(library));
+            calls += 2 * kBlock;
+        }
+    }
+    long long prepared = prepares(*connector) - preparedBefore;
+    state.counters["floor_us"] = bestFloor / 1000;
+    state.counters["lock_us"] = bestLibrary / 1000;
+    state.counters["xFloor"] = bestLibrary / bestFloor;
+    state.counters["preparesPer10k"] =
+        10000.0 * static_cast<double>(prepared) / static_cast<double>(calls);
+}
+
+}  // namespace
+
+BENCHMARK(BM_lockRoundTrip)->Iterations(1)->Unit(benchmark::kMillisecond);
