@@ -35,7 +35,7 @@ TEST(CandidateOrder, EqualTimesAreBothKeptGreaterPathFirstAndTheSameEntryOnce) {
 
 // Two plain-folder mounts with resources whose ages are set by hand.
 class Candidates : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         repo_.addMount("p1");
         repo_.addMount("p2");
@@ -110,11 +110,10 @@ TEST_F(Candidates, ASetStopFlagMakesBothGatheringsAnswerStopped) {
     int code = runInChild([this] {
         checkoverloadStopped = 1;
         ResourceSet set;
-        if (handler_->mounts()[0]->getOldestResources(nullptr, set, nullptr, 10, nullptr, "",
-                                                      0) != 0xFFFFFFFFu)
+        if (handler_->mounts()[0]->getOldestResources(nullptr, set, nullptr, 10, nullptr, "", 0) !=
+            0xFFFFFFFFu)
             return 1;
-        if (handler_->getGlobalOldestResources(nullptr, set, nullptr, 10, false, nullptr, -1) !=
-            -1)
+        if (handler_->getGlobalOldestResources(nullptr, set, nullptr, 10, false, nullptr, -1) != -1)
             return 2;
         return set.empty() ? 0 : 3;
     });

@@ -21,7 +21,9 @@ namespace {
 
 constexpr time_t kDay = 86400;
 
-std::string day(int daysAgo) { return NightProperties::dateText(KSClock::now() - daysAgo * kDay); }
+std::string day(int daysAgo) {
+    return NightProperties::dateText(KSClock::now() - daysAgo * kDay);
+}
 
 // Statistics with one value per day for the given ages in days.
 KSProperties statistics(const std::vector<std::pair<int, std::string>>& days) {
@@ -45,7 +47,8 @@ TEST(NightStatistics, SevenDaysBeforeTodayGiveTheMeanOfTheFiveLargest) {
 
 TEST(NightStatistics, SixDaysAreNotEnoughAndTodayIsNeitherCountedNorRemoved) {
     TempTree dir;
-    KSProperties p = statistics({{6, "2"}, {5, "3"}, {4, "4"}, {3, "5"}, {2, "6"}, {1, "7"}, {0, "9"}});
+    KSProperties p =
+        statistics({{6, "2"}, {5, "3"}, {4, "4"}, {3, "5"}, {2, "6"}, {1, "7"}, {0, "9"}});
     EXPECT_EQ(volume(p, dir.path("s.cfg")), -1.0);
     EXPECT_NE(p.getProperty(day(0).c_str()), nullptr);
     KSProperties none;
@@ -55,8 +58,15 @@ TEST(NightStatistics, SixDaysAreNotEnoughAndTodayIsNeitherCountedNorRemoved) {
 TEST(NightStatistics, EntriesEightDaysOldOrOlderAreRemovedFromTheFile) {
     TempTree dir;
     const std::string file = dir.path("s.cfg");
-    KSProperties p = statistics({{9, "50"}, {8, "40"}, {7, "1"}, {6, "1"}, {5, "1"}, {4, "1"},
-                                 {3, "1"}, {2, "1"}, {1, "1"}});
+    KSProperties p = statistics({{9, "50"},
+                                 {8, "40"},
+                                 {7, "1"},
+                                 {6, "1"},
+                                 {5, "1"},
+                                 {4, "1"},
+                                 {3, "1"},
+                                 {2, "1"},
+                                 {1, "1"}});
     EXPECT_DOUBLE_EQ(volume(p, file), 1.0);
     KSProperties written;
     ASSERT_TRUE(written.load(file.c_str()));
@@ -67,21 +77,21 @@ TEST(NightStatistics, EntriesEightDaysOldOrOlderAreRemovedFromTheFile) {
 
 TEST(NightStatistics, FewerThanTwoValuesBelowAHundredSubtractAHundredInstead) {
     TempTree dir;
-    KSProperties p = statistics({{7, "200"}, {6, "200"}, {5, "200"}, {4, "200"}, {3, "200"},
-                                 {2, "200"}, {1, "50"}});
+    KSProperties p = statistics(
+        {{7, "200"}, {6, "200"}, {5, "200"}, {4, "200"}, {3, "200"}, {2, "200"}, {1, "50"}});
     EXPECT_DOUBLE_EQ(volume(p, dir.path("s.cfg")), (6 * 200 + 50 - 50 - 100) / 5.0);
 }
 
 // A repository (plain folders) and a KSADMIN_HOME whose sendmessage.sh records its arguments.
 class MaintenanceWarnings : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         repo_.addMount("p1");
         repo_.writeConfig({{"isShared", "false"}, {"moveTime", "30"}});
-        const std::string script = admin_.write(
-            "sendmessage.sh",
-            "#!/bin/sh\nfor a in \"$@\"; do printf '%s|' \"$a\"; done >> \"$(dirname \"$0\")/sent\"\n"
-            "echo >> \"$(dirname \"$0\")/sent\"\n");
+        const std::string script = admin_.write("sendmessage.sh",
+                                                "#!/bin/sh\nfor a in \"$@\"; do printf '%s|' "
+                                                "\"$a\"; done >> \"$(dirname \"$0\")/sent\"\n"
+                                                "echo >> \"$(dirname \"$0\")/sent\"\n");
         chmod(script.c_str(), 0755);
         handler_ = getRepository(nullptr, repo_.path().c_str(), true);
     }
@@ -124,7 +134,9 @@ TEST_F(MaintenanceWarnings, RecentPurgesSendOneMessageADayDecidedByTheMarkersTim
     struct stat st;
     ASSERT_EQ(stat(marker().c_str(), &st), 0) << marker();
     // A day and a bit later (by the marker's own time) the next warning goes out.
-    struct utimbuf old{t - kDay - 60, t - kDay - 60};
+    struct utimbuf old {
+        t - kDay - 60, t - kDay - 60
+    };
     ASSERT_EQ(utime(marker().c_str(), &old), 0);
     handler_->warnMoveTimeWarning("moved", &t);
     ASSERT_EQ(sent().size(), 2u);

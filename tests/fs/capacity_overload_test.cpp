@@ -1,0 +1,266 @@
+// The overload check end to end on real tmpfs mounts filled past their limits with resources
+// of known ages: moving, deleting, the deleteOld pass, night mode, dead mounts, stop signals
+// and the move plug-in.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "KSClock.h"
+#include "KSPathUtils.h"
+#include "KSProperties.h"
+#include "KSRepositoryHandler.h"
+#include "NightProperties.h"
+#include "ResourceFiles.h"
+#include "ScopedEnv.h"
+#include "ScratchRepository.h"
+#include "SyslogCapture.h"
+#include "TempTree.h"
+#include "TmpfsMount.h"
+#include "repohandler.h"
+
+namespace {
+
+constexpr time_t kDay = 86400;
+constexpr unsigned long long kSmall = 256 * 4096;  // 256 blocks; one resource takes 8
+constexpr unsigned long long kLarge = 1024 * 4096;
+const std::string kContent(32 * 1024, 'x');
+
+class Overload : public ::testing::Test {
+  protected:
+    void SetUp() override { RH_REQUIRE_MOUNTS(); }
+
+    // p1 (small, `p1Keys`) and p2 (large, `p2Keys`), file locks, repository `keys`.
+    void makeRepository(ScratchRepository::Keys keys, ScratchRepository::Keys p1Keys,
+                        ScratchRepository::Keys p2Keys = {}) {
+        repo_.addTmpfsMount("p1", kSmall, 2000, p1Keys);
+        repo_.addTmpfsMount("p2", kLarge, 2000, p2Keys);
+        keys.emplace_back("isShared", "false");
+        repo_.writeConfig(keys);
+    }
+    // Resource `name` on mount i, `daysOld` days old, 32 KiB of content.
+    std::string put(size_t i, const std::string& name, int daysOld) {
+        std::string location = putResource(repo_.mountPath(i), name, "image", kContent + name);
+        setTimes(location, KSClock::now() - daysOld * kDay);
+        return location;
+    }
+    std::string at(size_t i, const std::string& name) const {
+        return resourceLocation(repo_.mountPath(i), name.c_str());
+    }
+    double used(size_t i) const { return repo_.tmpfs(i)->usedBlocksPercent(); }
+    std::shared_ptr<KSRepositoryHandler> handler() {
+        return getRepository(nullptr, repo_.path().c_str(), true);
+    }
+    void checkOverload(bool night = false) {
+        checkOverload_(repo_.path().c_str(), false, night, nullptr);
+    }
+    std::list<std::string> deleted() { return *getDeletedDirs_(repo_.path().c_str(), nullptr); }
+    // A TASKD_HOME whose runjavacmd runs `body` (the study callback hook of every move/delete).
+    void callbackRuns(const std::string& body) {
+        std::string script = taskd_.write("runjavacmd", "#!/bin/sh\n" + body + "\nexit 0\n");
+        chmod(script.c_str(), 0755);
+    }
+
+    TempTree locks_, var_, tmp_, taskd_;
+    ScopedEnv lockEnv_{"LOCK_VAR", locks_.root().c_str()};
+    ScopedEnv varEnv_{"VAR", var_.root().c_str()};
+    ScopedEnv tmpEnv_{"TMP", tmp_.root().c_str()};
+    ScopedEnv adminEnv_{"KSADMIN_HOME", tmp_.root().c_str()};
+    ScopedEnv taskdEnv_{"TASKD_HOME", taskd_.root().c_str()};
+    ScratchRepository repo_;
+};
+
+TEST_F(Overload, NonClearableRepositoryMovesOnlyResourcesPastTheMoveTimeUntilBelowCleanLimit) {
+    makeRepository({}, {{"moveLimit", "50"}, {"cleanLimit", "40"}});
+    for (int i = 0; i < 10; ++i) put(0, "old" + std::to_string(i), 40 + i);
+    for (int i = 0; i < 10; ++i) put(0, "young" + std::to_string(i), 2 + i);
+    ASSERT_GT(used(0), 50.0);
+
+    checkOverload();
+
+    EXPECT_LT(used(0), 40.0);
+    int moved = 0;
+    for (int i = 0; i < 10; ++i) {
+        const std::string name = "old" + std::to_string(i);
+        bool there = entryExists(at(1, name));
+        EXPECT_NE(there, entryExists(at(0, name))) << name << " must be on exactly one mount";
+        if (!there) continue;
+        ++moved;
+        EXPECT_EQ(readFile(at(1, name) + "/image"), kContent + name);
+        EXPECT_EQ(modificationTime(at(1, name)) / kDay, (KSClock::now() - (40 + i) * kDay) / kDay);
+    }
+    EXPECT_GE(moved, 8);
+    for (int i = 0; i < 10; ++i) EXPECT_TRUE(entryExists(at(0, "young" + std::to_string(i))));
+    EXPECT_TRUE(handler()->dirtyFlags().snapshot().empty());
+}
+
+TEST_F(Overload, ClearableRepositoryWithoutMoveDeletesTheOldestUntilBelowCleanLimit) {
+    makeRepository({{"isClearable", "true"}}, {{"moveLimit", "50"}, {"cleanLimit", "40"}});
+    std::vector<std::string> byAge;  // oldest first
+    for (int i = 0; i < 20; ++i) byAge.push_back(put(0, "r" + std::to_string(i), 40 - i));
+
+    checkOverload();
+
+    EXPECT_LT(used(0), 40.0);
+    std::list<std::string> gone = deleted();
+    ASSERT_FALSE(gone.empty());
+    std::vector<std::string> expected(byAge.begin(), byAge.begin() + gone.size());
+    EXPECT_EQ(std::vector<std::string>(gone.begin(), gone.end()), expected);
+    for (size_t i = 0; i < byAge.size(); ++i) EXPECT_EQ(entryExists(byAge[i]), i >= gone.size());
+    EXPECT_EQ(hashLevelsOn(repo_.mountPath(1)).size(), 0u) << "nothing is moved";
+}
+
+TEST_F(Overload, ClearableMovingRepositoryMovesTheOldestUntilBelowMoveLimit) {
+    makeRepository({{"isClearable", "true"}, {"isClearableMove", "true"}},
+                   {{"moveLimit", "50"}, {"cleanLimit", "40"}, {"deleteOld", "0"}});
+    for (int i = 0; i < 20; ++i) put(0, "r" + std::to_string(i), 40 - i);
+
+    checkOverload();
+
+    EXPECT_LT(used(0), 50.0);
+    EXPECT_TRUE(deleted().empty());
+    size_t moved = 0;
+    while (moved < 20 && entryExists(at(1, "r" + std::to_string(moved)))) ++moved;
+    EXPECT_GE(moved, 2u);
+    for (int i = 0; i < 20; ++i) {
+        const std::string name = "r" + std::to_string(i);
+        EXPECT_EQ(entryExists(at(1, name)), i < static_cast<int>(moved)) << "oldest first";
+        EXPECT_NE(entryExists(at(0, name)), entryExists(at(1, name)));
+    }
+}
+
+TEST_F(Overload, DeleteOldPassDeletesTheMountsOwnOldResourcesInsteadOfMoving) {
+    makeRepository({{"isClearable", "true"}, {"isClearableMove", "true"}},
+                   {{"moveLimit", "50"}, {"cleanLimit", "40"}, {"deleteOld", "100"}});
+    for (int i = 0; i < 20; ++i) put(0, "r" + std::to_string(i), 40 - i);
+    put(1, "elsewhere", 90);
+
+    checkOverload();
+
+    EXPECT_LT(used(0), 40.0);
+    std::list<std::string> gone = deleted();
+    ASSERT_FALSE(gone.empty());
+    EXPECT_EQ(gone.front(), at(0, "r0"));
+    EXPECT_TRUE(entryExists(at(1, "elsewhere"))) << "only the mount's own resources go";
+    EXPECT_EQ(hashLevelsOn(repo_.mountPath(1)).size(), 1u) << "nothing is moved";
+}
+
+TEST_F(Overload, AResourceTouchedAfterGatheringIsNotDeleted) {
+    makeRepository({{"isClearable", "true"}, {"callback", "RepositoryStudyCallback"}},
+                   {{"moveLimit", "50"}, {"cleanLimit", "40"}});
+    for (int i = 0; i < 20; ++i) put(0, "r" + std::to_string(i), 40 - i);
+    // The first deletion's callback reads r1, the next candidate, as a client would.
+    callbackRuns("touch -a '" + at(0, "r1") + "'");
+
+    checkOverload();
+
+    EXPECT_LT(used(0), 40.0);
+    EXPECT_FALSE(entryExists(at(0, "r0")));
+    EXPECT_TRUE(entryExists(at(0, "r1")));
+    std::list<std::string> gone = deleted();
+    EXPECT_EQ(std::count(gone.begin(), gone.end(), at(0, "r1")), 0);
+    EXPECT_FALSE(entryExists(at(0, "r2")));
+}
+
+TEST_F(Overload, DeadMountOnlyLogsThatItIsUnmountedAndGetsNoStatistics) {
+    makeRepository({}, {{"nightManagement", "true"}, {"moveLimit", "50"}});
+    for (int i = 0; i < 20; ++i) put(0, "r" + std::to_string(i), 40);
+    ASSERT_EQ(MountUnmount_(repo_.path().c_str(), 0, false, nullptr), 0);
+    SyslogCapture log;
+
+    checkOverload(true);
+
+    EXPECT_EQ(log.countContaining("mount is unmounted\n"), 1);
+    EXPECT_EQ(log.countContaining("mount does not need maintenance"), 1);  // p2
+    EXPECT_FALSE(entryExists(NightProperties::statisticsFile(repo_.mountPath(0))));
+    EXPECT_EQ(hashLevelsOn(repo_.mountPath(1)).size(), 0u);
+}
+
+TEST_F(Overload, NightModeLowersTheLimitsFromTheStatisticsAgainInEveryRun) {
+    makeRepository({}, {{"nightManagement", "true"},
+                        {"nightVolumemul", "0"},
+                        {"moveLimit", "78"},
+                        {"cleanLimit", "73"}});
+    for (int i = 0; i < 20; ++i) put(0, "r" + std::to_string(i), 40 + i);
+    const std::string statistics = NightProperties::statisticsFile(repo_.mountPath(0));
+    std::ofstream out(statistics);
+    for (int ago = 1; ago <= 7; ++ago)
+        out << NightProperties::dateText(KSClock::now() - ago * kDay) << "=5\n";
+    out.close();
+    const double before = used(0);
+    ASSERT_GE(before, 68.0);
+    ASSERT_LT(before, 73.0);
+
+    checkOverload(true);  // 73/68: nothing to do yet
+    EXPECT_EQ(hashLevelsOn(repo_.mountPath(1)).size(), 0u);
+    checkOverload(true);  // 68/63
+
+    KSMountPointHandler& mount = *handler()->mounts()[0];
+    EXPECT_DOUBLE_EQ(mount.config().moveLimit, 68.0);
+    EXPECT_DOUBLE_EQ(mount.config().cleanLimit, 63.0);
+    EXPECT_LT(used(0), 63.0);
+    KSProperties recorded;
+    ASSERT_TRUE(recorded.load(statistics.c_str()));
+    const char* today = recorded.getProperty(NightProperties::dateText(KSClock::now()).c_str());
+    ASSERT_NE(today, nullptr);
+    EXPECT_NEAR(strtod(today, nullptr), before - used(0), 0.01);
+}
+
+TEST_F(Overload, SigtermStopsTheRunAfterTheResourceInHandAndLaterRunsAtOnce) {
+    makeRepository({{"isClearable", "true"}, {"callback", "RepositoryStudyCallback"}},
+                   {{"moveLimit", "50"}, {"cleanLimit", "40"}});
+    for (int i = 0; i < 20; ++i) put(0, "r" + std::to_string(i), 40 - i);
+    const std::string pidFile = taskd_.path("pid");
+    callbackRuns("kill -TERM $(cat '" + pidFile + "')");
+
+    int code = runInChild([&] {
+        SyslogCapture log;
+        std::ofstream(pidFile) << getpid();
+        checkOverload();
+        if (deleted().size() != 1) return 1;
+        checkOverload();
+        if (!deleted().empty()) return 2;
+        if (log.countContaining("Checkoverload interrupt signal is 15") != 1) return 3;
+        return log.countContaining("checking mount") == 1 ? 0 : 4;
+    });
+
+    EXPECT_EQ(code, 0);
+    EXPECT_FALSE(entryExists(at(0, "r0")));
+    for (int i = 1; i < 20; ++i) EXPECT_TRUE(entryExists(at(0, "r" + std::to_string(i))));
+}
+
+TEST_F(Overload, TheTargetMountsMovePluginDoesTheCopying) {
+    const std::string library = tmp_.path("record_move.so");
+    const std::string build = "cc -shared -fPIC -o '" + library +
+                              "' '" RH_TEST_SOURCE_DIR
+                              "/tests/support/plugins/record_move_plugin.c'";
+    ASSERT_EQ(system(build.c_str()), 0) << build;
+    const std::string record = tmp_.path("moves");
+    makeRepository({}, {{"moveLimit", "50"}, {"cleanLimit", "40"}},
+                   {{"moveHere", library}, {"moveParams", record}});
+    for (int i = 0; i < 20; ++i) put(0, "r" + std::to_string(i), 40 + i);
+
+    checkOverload();
+
+    EXPECT_LT(used(0), 40.0);
+    std::ifstream in(record);
+    int recorded = 0;
+    for (std::string line; std::getline(in, line); ++recorded) {
+        EXPECT_EQ(line.rfind(repo_.mountPath(1) + "/", 0), 0u) << line;
+        EXPECT_EQ(readFile(line + "/image").substr(0, kContent.size()), kContent);
+    }
+    EXPECT_GE(recorded, 8);
+    int onTarget = 0;
+    for (int i = 0; i < 20; ++i) onTarget += entryExists(at(1, "r" + std::to_string(i)));
+    EXPECT_EQ(recorded, onTarget) << "every move went through the plug-in";
+}
+
+}  // namespace
