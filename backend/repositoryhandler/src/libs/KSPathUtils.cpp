@@ -385,6 +385,7 @@ time_t lastModified2(const char* path) {
 }
 
 long getSize(const char* path, struct stat* known) {
+    if (path == nullptr) return -1;
     struct stat st;
     if (known == nullptr) {
         if (myStat(path, &st) != 0) return -1;
@@ -439,8 +440,8 @@ DIR* openDirectory(const char* path, bool plainOpen) {
 }  // namespace
 
 int listDir(const char* path, std::list<std::string>* names, bool plainOpen, bool skipDirectories) {
-    if (path == nullptr || names == nullptr)
-        return names == nullptr ? 0 : static_cast<int>(names->size());
+    if (names == nullptr) return 0;
+    if (path == nullptr) return static_cast<int>(names->size());
     DirHandle dir(openDirectory(path, plainOpen));
     if (dir.get() == nullptr) {
         const int error = errno;
