@@ -151,16 +151,6 @@ TEST(LayoutHash, baseDirAndParentDirCutAtSlashes) {
     EXPECT_EQ(take(parentDir(nullptr)), "<null>");
 }
 
-TEST(LayoutHash, appendJoinsTextsAndAppend0KeepsItsArguments) {
-    const char* left = "/mnt/";
-    EXPECT_EQ(take(append0(left, "AB/")), "/mnt/AB/");
-    EXPECT_STREQ(left, "/mnt/");
-    char* grown = append0("x", "");
-    grown = append(grown, "y");
-    grown = append(grown, "z");
-    EXPECT_EQ(take(grown), "xyz");
-}
-
 TEST(LayoutHash, normalizeFileNameResolvesDotsLexically) {
     EXPECT_EQ(normalized("/a/./b/../../.."), "/");
     EXPECT_EQ(normalized("/a//b/"), "/a/b");
