@@ -1,0 +1,119 @@
+// repoctl status and repoctl hash: the repository's mounts with their fill levels and status
+// bits, and the hashed location of resource names.
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "KSPathUtils.h"
+#include "KSRepositoryHandler.h"
+#include "KSStatus.h"
+#include "RepoctlCommand.h"
+
+namespace {
+
+struct BitName {
+    int bit;
+    const char* name;
+};
+
+const BitName kMountBits[] = {{MOUNT_REMIND, "remind"}, {MOUNT_WARN, "warn"},
+                              {MOUNT_WARN2, "warn2"},   {MOUNT_WARN3, "warn3"},
+                              {MOUNT_SWITCH, "switch"}, {MOUNT_FULL, "full"},
+                              {MOUNT_CLEAN, "clean"},   {MOUNT_MOVE, "move"},
+                              {MOUNT_DEAD, "dead"},     {MOUNT_HARDFULL, "hardfull"}};
+
+// On the repository the same bits read differently (see KSStatus.h).
+const BitName kRepositoryBits[] = {
+    {REPOSITORY_MISSING, "missing"}, {REPOSITORY_INCOMPLETE, "incomplete"},
+    {MOUNT_CLEAN, "full"},           {REPOSITORY_CANNOTMOVE, "cannotmove"},
+    {MOUNT_SWITCH, "switch"},        {MOUNT_WARN3, "warn3"},
+    {MOUNT_WARN2, "warn2"},          {MOUNT_WARN, "warn"},
+    {MOUNT_REMIND, "remind"}};
+
+template <size_t N>
+std::string bitNames(int status, const BitName (&names)[N]) {
+    std::string text;
+    for (const BitName& b : names) {
+        if (status & b.bit) text += (text.empty() ? "" : " ") + std::string(b.name);
+    }
+    return text.empty() ? "ok" : text;
+}
+
+bool isDirectory(const char* path) {
+    struct stat st;
+    return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+void printMount(KSRepositoryHandler& repo, KSMountPointHandler& mount) {
+    const uint32_t status = mount.status();
+    const bool dead = status & MOUNT_DEAD;
+    const auto& s = repo.settings();
+    const auto& c = mount.config();
+    printf("mount %s\n", mount.path().c_str());
+    if (dead) {
+        printf("  used      -\n");
+    } else {
+        printf("  used      %.2f %%\n", mount.usedPercentage());
+    }
+    printf(
+        "  limits    remind %g  warn %g  warn2 %g  warn3 %g  switch %g  full %g  clean %g  "
+        "move %g  hardfull %g\n",
+        s.remindLimit, s.warnLimit, s.warn2Limit, s.warn3Limit, c.switchLimit, c.fullLimit,
+        c.cleanLimit, c.moveLimit, c.hardFullLimit);
+    printf("  status    0x%03x %s\n", status, bitNames(status, kMountBits).c_str());
+    printf("  dedicated %s\n", mount.dedicated() ? "yes" : "no");
+    printf("  dead      %s\n", dead ? "yes" : "no");
+    printf("  type      %s\n", c.fast ? "fast" : "normal");
+}
+
+int showRepository(const char* path) {
+    if (!isDirectory(path)) {
+        fprintf(stderr, "repoctl status: no repository directory \"%s\"\n", path);
+        return 1;
+    }
+    std::shared_ptr<KSRepositoryHandler> repo = getRepository(nullptr, path, true);
+    const int status = repo->checkRepositoryStatus();
+    printf("repository %s\n", repo->path().c_str());
+    if (repo->isUnusable()) printf("  configuration could not be read (see the system log)\n");
+    printf("  status    %d (0x%03x) %s\n", status, status,
+           bitNames(status, kRepositoryBits).c_str());
+    printf("  mounts    %zu\n", repo->mounts().size());
+    for (auto& mount : repo->mounts()) printMount(*repo, *mount);
+    return repo->isUnusable() ? 1 : 0;
+}
+
+int runStatus(int argc, char** argv) {
+    if (argc < 2) return repoctlUsage(argv[0]);
+    int result = 0;
+    for (int i = 1; i < argc; ++i) {
+        if (i > 1) printf("\n");
+        if (showRepository(argv[i]) != 0) result = 1;
+    }
+    return result;
+}
+
+int runHash(int argc, char** argv) {
+    if (argc < 2) return repoctlUsage(argv[0]);
+    int result = 0;
+    for (int i = 1; i < argc; ++i) {
+        if (!isSafeResourceName(argv[i])) {
+            fprintf(stderr, "repoctl hash: \"%s\" is not a resource name\n", argv[i]);
+            result = 1;
+            continue;
+        }
+        std::unique_ptr<char[]> hashed(createHash(argv[i]));
+        printf("%s\n", hashed.get());
+    }
+    return result;
+}
+
+RepoctlRegistrar statusCommand("status", "status REPO...",
+                               "show the mounts, fill levels and status of repositories",
+                               &runStatus);
+RepoctlRegistrar hashCommand("hash", "hash NAME...",
+                             "print the hashed location of each resource name", &runHash);
+
+}  // namespace
