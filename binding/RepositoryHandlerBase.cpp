@@ -90,22 +90,43 @@ jstring toJavaString(JNIEnv* env, const char* text) {
     return text ? env->NewStringUTF(text) : nullptr;
 }
 
-// A new quorra/repohandler/ResourceLocationResult(path, first, second), or null when the class or
-// its constructor cannot be found (logged) or the JVM runs out of memory (OutOfMemoryError left
-// pending). A missing class must not turn into a Java exception, so that error is cleared.
+const char kResultClass[] = "quorra/repohandler/ResourceLocationResult";
+const char kResultConstructor[] = "(Ljava/lang/String;II)V";
+
+// The result class and its constructor, looked up once in JNI_OnLoad (with the class loader of
+// the class that loads the library) because FindClass on every call would cost more than the rest
+// of a look-up's binding. Written only by JNI_OnLoad and JNI_OnUnload, which the JVM runs before
+// any native of the library can be called and after the last one, so reads need no lock. Null
+// when the class or its constructor was missing at load time: every call then looks again, so
+// that each failing call logs why it returned null.
+struct ResultClassCache {
+    jclass resultClass = nullptr;  // global reference
+    jmethodID constructor = nullptr;
+};
+ResultClassCache resultCache;
+
+// A new ResourceLocationResult(path, first, second), or null when the class or its constructor
+// cannot be found (logged) or the JVM runs out of memory (OutOfMemoryError left pending). A
+// missing class must not turn into a Java exception, so that error is cleared.
 jobject createResourceLocationResult(JNIEnv* env, const char* path, int first, int second) {
-    jclass resultClass = env->FindClass("quorra/repohandler/ResourceLocationResult");
+    jclass resultClass = resultCache.resultClass;
+    jmethodID constructor = resultCache.constructor;
+    jclass lookedUp = nullptr;
     if (!resultClass) {
-        env->ExceptionClear();
-        rh_logger.errorLog("Failed to get %s for ResourceLocationResult class ", "class");
-        return nullptr;
-    }
-    jmethodID constructor = env->GetMethodID(resultClass, "<init>", "(Ljava/lang/String;II)V");
-    if (!constructor) {
-        env->ExceptionClear();
-        env->DeleteLocalRef(resultClass);
-        rh_logger.errorLog("Failed to get %s for ResourceLocationResult class ", "constructor");
-        return nullptr;
+        lookedUp = env->FindClass(kResultClass);
+        if (!lookedUp) {
+            env->ExceptionClear();
+            rh_logger.errorLog("Failed to get %s for ResourceLocationResult class ", "class");
+            return nullptr;
+        }
+        constructor = env->GetMethodID(lookedUp, "<init>", kResultConstructor);
+        if (!constructor) {
+            env->ExceptionClear();
+            env->DeleteLocalRef(lookedUp);
+            rh_logger.errorLog("Failed to get %s for ResourceLocationResult class ", "constructor");
+            return nullptr;
+        }
+        resultClass = lookedUp;
     }
     jobject result = nullptr;
     jstring javaPath = toJavaString(env, path);
@@ -114,7 +135,7 @@ jobject createResourceLocationResult(JNIEnv* env, const char* path, int first, i
                                 static_cast<jint>(second));
     }
     if (javaPath) env->DeleteLocalRef(javaPath);
-    env->DeleteLocalRef(resultClass);
+    if (lookedUp) env->DeleteLocalRef(lookedUp);
     return result;
 }
 
@@ -155,6 +176,31 @@ jstring textResult(JNIEnv* env, char* text) {
 }  // namespace
 
 extern "C" {
+
+JNIEXPORT jint JNICALL JNI_OnLoad(JavaVM* vm, void*) {
+    JNIEnv* env = nullptr;
+    if (vm->GetEnv(reinterpret_cast<void**>(&env), JNI_VERSION_1_8) != JNI_OK) return JNI_ERR;
+    jclass found = env->FindClass(kResultClass);
+    if (!found) {
+        env->ExceptionClear();
+        return JNI_VERSION_1_8;
+    }
+    jmethodID constructor = env->GetMethodID(found, "<init>", kResultConstructor);
+    if (constructor) {
+        resultCache.resultClass = static_cast<jclass>(env->NewGlobalRef(found));
+        resultCache.constructor = resultCache.resultClass ? constructor : nullptr;
+    }
+    env->ExceptionClear();
+    env->DeleteLocalRef(found);
+    return JNI_VERSION_1_8;
+}
+
+JNIEXPORT void JNICALL JNI_OnUnload(JavaVM* vm, void*) {
+    JNIEnv* env = nullptr;
+    if (vm->GetEnv(reinterpret_cast<void**>(&env), JNI_VERSION_1_8) != JNI_OK) return;
+    if (resultCache.resultClass) env->DeleteGlobalRef(resultCache.resultClass);
+    resultCache = ResultClassCache();
+}
 
 JNIEXPORT jobject JNICALL Java_quorra_repohandler_RepositoryHandlerBase_createDirectoryNative(
     JNIEnv* env, jobject, jstring repository, jstring resource, jboolean flag1, jboolean flag2,

@@ -38,6 +38,7 @@ if(RH_BUILD_BENCH)
   set(RH_JAVA_BENCH_DIR ${CMAKE_BINARY_DIR}/bench/java)
   add_executable(getlocation_direct ${CMAKE_CURRENT_LIST_DIR}/../bench/java/getlocation_direct.cpp)
   target_link_libraries(getlocation_direct PRIVATE repohandler)
+  target_include_directories(getlocation_direct PRIVATE ${RH_INCLUDE_DIRS})
   set_target_properties(getlocation_direct PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${RH_JAVA_BENCH_DIR})
   file(GLOB RH_JAVA_BENCH_SOURCES CONFIGURE_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/../bench/java/*.java)
   add_custom_command(
