@@ -18,21 +18,32 @@ RawQueryDB::~RawQueryDB() = default;
 
 size_t RawQueryDB::executeQuery(const std::string& sql, unsigned long timeLimitSeconds,
                                 std::vector<std::vector<SqlField>>& rows) {
+    std::lock_guard<std::recursive_mutex> guard(connector_.sql().mutex());
+    std::unique_ptr<SqlResult> result;
     try {
-        std::lock_guard<std::recursive_mutex> guard(connector_.sql().mutex());
-        connector_.reset();
-        std::unique_ptr<SqlResult> result =
-            connector_.connectionEx().executeQueryEx(sql, timeLimitSeconds);
-        size_t count = 0;
-        while (result->fetch()) {
-            rows.emplace_back();
-            result->getRecord(rows.back());
-            ++count;
-        }
-        return count;
+        result = run(sql, timeLimitSeconds);
     } catch (const SqlException& e) {
-        throw DBException(e.what(), e.code());
+        // A connection that died since the last statement is replaced once; a query that fails
+        // on a live connection is the caller's error and is not run twice.
+        connector_.reset();
+        if (connector_.connection()) throw DBException(e.what(), e.code());
+        try {
+            result = run(sql, timeLimitSeconds);
+        } catch (const SqlException& again) {
+            throw DBException(again.what(), again.code());
+        }
     }
+    size_t count = 0;
+    while (result->fetch()) {
+        rows.emplace_back();
+        result->getRecord(rows.back());
+        ++count;
+    }
+    return count;
+}
+
+std::unique_ptr<SqlResult> RawQueryDB::run(const std::string& sql, unsigned long timeLimitSeconds) {
+    return connector_.connectionEx().executeQueryEx(sql, timeLimitSeconds);
 }
 
 }  // namespace db

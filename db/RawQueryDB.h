@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@ namespace kelp {
 namespace db {
 
 class DBConnectorSql;
+class SqlResult;
 
 // Runs free-form text queries on its connector's connection. Made by
 // DBConnector::createRawQuery() and owned by the caller; must not outlive the connector. The
@@ -23,12 +25,14 @@ class RH_EXPORT RawQueryDB {
 
     // Runs sql as a plain text query, with a server-side time limit of timeLimitSeconds (0: none),
     // and appends its rows to rows, each a vector of fields in column order. Returns the number
-    // of rows appended. Reopens a connection that was lost; throws DBException(text, code) on
-    // failure.
+    // of rows appended. Replaces a connection that was lost, once; throws DBException(text, code)
+    // on failure.
     size_t executeQuery(const std::string& sql, unsigned long timeLimitSeconds,
                         std::vector<std::vector<SqlField>>& rows);
 
   private:
+    std::unique_ptr<SqlResult> run(const std::string& sql, unsigned long timeLimitSeconds);
+
     DBConnectorSql& connector_;
 };
 

@@ -6,8 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include "DBConnector.h"
+#include "DBException.h"
 #include "DbTestEnv.h"
 #include "QueryBindings.h"
+#include "RawQueryDB.h"
 #include "ScopedEnv.h"
 #include "Sql.h"
 #include "SqlConnection.h"
@@ -138,4 +141,24 @@ TEST(DbTcp, hostAndPortAreUsedWithoutASocket) {
     std::vector<SqlField> row;
     result->getRecord(row);
     EXPECT_NE(std::string::npos, row[0].value().find("@127.0.0.1")) << row[0].value();
+}
+
+TEST(DbRawQuery, rawQueryRunsWithATimeLimitAndSurvivesAKilledConnection) {
+    RH_REQUIRE_DB();
+    std::unique_ptr<DBConnector> connector(DBConnector::createConnector(false));
+    std::unique_ptr<RawQueryDB> raw(connector->createRawQuery());
+    std::vector<std::vector<SqlField>> rows;
+    EXPECT_EQ(1u, raw->executeQuery("SELECT CONNECTION_ID(), (SELECT COUNT(*) FROM QueryTimeLimit "
+                                    "WHERE PROCESSID=CONNECTION_ID())",
+                                    30, rows));
+    EXPECT_EQ("1", rows[0][1].value());
+    DbAdmin().exec("KILL CONNECTION " + rows[0][0].value());
+    EXPECT_EQ(1u, raw->executeQuery("SELECT CONNECTION_ID()", 0, rows));
+    EXPECT_NE(rows[0][0].value(), rows[1][0].value());
+    try {
+        raw->executeQuery("SELECT * FROM no_such_table_at_all", 0, rows);
+        FAIL() << "a query of a missing table succeeded";
+    } catch (const DBException& e) {
+        EXPECT_EQ(1146u, e.code());
+    }
 }
