@@ -25,7 +25,6 @@ import org.junit.jupiter.params.provider.MethodSource;
 /** No exception crosses into Java: a failing call gives its failure value and one log line. */
 class FailureValuesTest {
     private static final RepositoryHandlerBase handler = new RepositoryHandlerBase();
-    private static final String NULL = "(null)";
 
     @TempDir
     Path dir;
@@ -36,51 +35,32 @@ class FailureValuesTest {
 
     /** A null repository makes every native fail inside its catch-all. */
     static Stream<Arguments> nullRepository() {
-        long[] times = {1L, 2L};
+        RepositoryHandlerBase h = handler;
+        long[] t = {1L, 2L};
         return Stream.of(
-                row(() -> handler.createDirectoryNative(null, "st", true, false, false, 0), null,
-                        "createDirectory_((null), st)"),
-                row(() -> handler.createLocationNative(null, "st", false, 0), null,
-                        "createLocation_((null), st)"),
-                row(() -> handler.getLocationNative(null, "st", false, false, false, false, 0), null,
-                        "getLocation_((null), st)"),
-                row(() -> handler.getLocationOnMountNative(null, "st", "m1", false, false, 0), null,
-                        "getLocationOnMount_((null), st, m1)"),
-                row(() -> handler.getRepositoryStatusNative(null, 0), -1,
-                        "checkRepositoryStatus_((null))"),
-                row(() -> handler.checkResourceStatusNative(null, "st", 0), -1,
-                        "checkResourceStatus_((null), st)"),
-                row(() -> handler.removeResourceNative(null, "st", true, false, 0), -1,
-                        "removeResource_((null), st)"),
-                row(() -> handler.removeResourceOnMountNative(null, "st", "m1", true, false, 0), -1,
-                        "removeResource_((null), st)"),
-                row(() -> handler.listFilesNative(null, false, 0), null, "listFiles_((null))"),
-                row(() -> handler.listDirsNative(null, false, 0), null, "listDirs_((null))"),
-                row(() -> handler.getTimePropertiesNative(null, "st", 0), null,
-                        "getTimeProperties_((null), st)"),
-                row(() -> {
-                    handler.setTimePropertiesNative(null, "st", times, 0);
-                    return null;
-                }, null, "setTimeProperties_((null), st)"),
-                row(() -> handler.lockResourceNative(null, "st", 0), 0, "lockResource_((null), st)"),
-                row(() -> handler.unlockResourceNative(null, "st", 0), 0,
-                        "unlockResource_((null), st)"),
-                row(() -> handler.isDirtyNative(null, "st", 0), 0, "isDirty_((null), st)"),
-                row(() -> {
-                    handler.setDirtyNative(null, "st", true, 0);
-                    return null;
-                }, null, "setDirty_((null), st, true)"),
-                row(() -> {
-                    handler.setDirtyNative(null, "st", false, 0);
-                    return null;
-                }, null, "setDirty_((null), st, false)"),
-                row(() -> handler.getMountPathNative(null, "st", 0), null,
-                        "getMountPathForDirectory_((null), st)"),
-                row(() -> handler.unAgeNative(null, "st", 0), null, "unAge_((null), st)"),
-                row(() -> handler.normalizeFileNameNative(null), null, "normalize_file_name((null))"));
+            row("createDirectory_((null), st)", null, () -> h.createDirectoryNative(null, "st", true, false, false, 0)),
+            row("createLocation_((null), st)", null, () -> h.createLocationNative(null, "st", false, 0)),
+            row("getLocation_((null), st)", null, () -> h.getLocationNative(null, "st", false, false, false, false, 0)),
+            row("getLocationOnMount_((null), st, m1)", null, () -> h.getLocationOnMountNative(null, "st", "m1", false, false, 0)),
+            row("checkRepositoryStatus_((null))", -1, () -> h.getRepositoryStatusNative(null, 0)),
+            row("checkResourceStatus_((null), st)", -1, () -> h.checkResourceStatusNative(null, "st", 0)),
+            row("removeResource_((null), st)", -1, () -> h.removeResourceNative(null, "st", true, false, 0)),
+            row("removeResource_((null), st)", -1, () -> h.removeResourceOnMountNative(null, "st", "m1", true, false, 0)),
+            row("listFiles_((null))", null, () -> h.listFilesNative(null, false, 0)),
+            row("listDirs_((null))", null, () -> h.listDirsNative(null, false, 0)),
+            row("getTimeProperties_((null), st)", null, () -> h.getTimePropertiesNative(null, "st", 0)),
+            row("setTimeProperties_((null), st)", null, () -> { h.setTimePropertiesNative(null, "st", t, 0); return null; }),
+            row("lockResource_((null), st)", 0, () -> h.lockResourceNative(null, "st", 0)),
+            row("unlockResource_((null), st)", 0, () -> h.unlockResourceNative(null, "st", 0)),
+            row("isDirty_((null), st)", 0, () -> h.isDirtyNative(null, "st", 0)),
+            row("setDirty_((null), st, true)", null, () -> { h.setDirtyNative(null, "st", true, 0); return null; }),
+            row("setDirty_((null), st, false)", null, () -> { h.setDirtyNative(null, "st", false, 0); return null; }),
+            row("getMountPathForDirectory_((null), st)", null, () -> h.getMountPathNative(null, "st", 0)),
+            row("unAge_((null), st)", null, () -> h.unAgeNative(null, "st", 0)),
+            row("normalize_file_name((null))", null, () -> h.normalizeFileNameNative(null)));
     }
 
-    private static Arguments row(Supplier<Object> call, Object failureValue, String logged) {
+    private static Arguments row(String logged, Object failureValue, Supplier<Object> call) {
         return Arguments.of(logged, call, failureValue);
     }
 
