@@ -4,6 +4,7 @@
 // catch-all, and converts the result back. No C++ exception reaches the JVM: a failing call is
 // logged and answered with the method's failure value (null, -1 or 0). Every Java string's
 // characters and every C text are given back on every path by the RAII holders below.
+// JNI_OnLoad looks the result class up once; nothing else is kept between calls.
 
 #include <jni.h>
 

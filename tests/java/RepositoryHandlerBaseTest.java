@@ -10,6 +10,11 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.attribute.FileTime;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.Future;
 import org.junit.jupiter.api.DisplayName;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
@@ -94,6 +99,37 @@ class RepositoryHandlerBaseTest {
             assertEquals(statuses[i], results[i].getStatus(), "status of call " + i);
             assertEquals(1, results[i].getSecondStatus(), "second integer of call " + i);
             assertEquals(statuses[i] == 0, results[i].getPath() != null, "path of call " + i);
+        }
+    }
+
+    @Test
+    @DisplayName("look-ups from many threads at once each get the right location")
+    void concurrentLookups() throws Exception {
+        ScratchRepository repo = ScratchRepository.create(dir);
+        String[] names = {"t0", "t1", "t2", "t3", "t4", "t5", "t6", "t7"};
+        String[] locations = new String[names.length];
+        for (int i = 0; i < names.length; ++i) {
+            locations[i] = handler.createLocationNative(repo.path(), names[i], false, 0).getPath();
+            ScratchRepository.fill(locations[i]);
+        }
+        ExecutorService pool = Executors.newFixedThreadPool(names.length);
+        try {
+            List<Future<Integer>> done = new ArrayList<>();
+            for (int i = 0; i < names.length; ++i) {
+                int n = i;
+                done.add(pool.submit(() -> {
+                    int wrong = 0;
+                    for (int k = 0; k < 500; ++k) {
+                        ResourceLocationResult r = handler.getLocationNative(
+                                repo.path(), names[n], false, true, false, false, 0);
+                        if (!locations[n].equals(r.getPath()) || r.getSecondStatus() != 1) ++wrong;
+                    }
+                    return wrong;
+                }));
+            }
+            for (Future<Integer> f : done) assertEquals(0, f.get());
+        } finally {
+            pool.shutdownNow();
         }
     }
 
