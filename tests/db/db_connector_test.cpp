@@ -129,6 +129,8 @@ TEST_F(DbConnector, killedConnectionIsReplacedAtOnceAndStatementsPreparedAgain) 
     LockDB* locks = connector->lockDB();
     std::string lockId = uniqueName("killed");
     ASSERT_TRUE(locks->lockFirstTime(lockId, "res", "actor", 1));
+    ASSERT_TRUE(locks->releaseLock(lockId));  // both statements are now cached
+    ASSERT_TRUE(locks->lockFirstTime(lockId, "res", "actor", 1));
     std::string before = connectionId(*connector);
     DbAdmin admin;
     admin.exec("KILL CONNECTION " + before);
