@@ -1,0 +1,131 @@
+// getLocation_ of a clean resource found on the k-th of 4 mounts, against its floor measured in
+// the same run: the file-system calls any lookup must make on those same paths (for each mount
+// visited, the test of its repositorypart.cfg and the probe of the resource's location).
+// Once without the resource lock, once with the file lock, whose floor adds one
+// open(O_CREAT|O_EXCL), close and unlink of a lock file. Also createLocation_ per second.
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "FloorRatioReporter.h"
+#include "KSPathUtils.h"
+#include "repohandler.h"
+
+namespace {
+
+constexpr int kMounts = 4;
+const char kResource[] = "1.2.840.113619.2.55.3.604688119.969.1268071029.320";
+
+// A repository of four plain-directory mounts with one resource per mount (resource k lies on
+// mount k), lock files in a directory of its own. Removed at exit.
+struct BenchRepository {
+    std::string path, lockDir;
+    std::vector<std::string> mounts;
+
+    BenchRepository() {
+        char pattern[] = "/tmp/rh-location-bench-XXXXXX";
+        path = mkdtemp(pattern);
+        lockDir = path + "/locks";
+        mkdir(lockDir.c_str(), 0755);
+        setenv("LOCK_VAR", lockDir.c_str(), 1);
+        std::ofstream(path + "/repository.cfg")
+            << "mountPoints=\"m1\\m2\\m3\\m4\"\nisShared=\"false\"\n";
+        for (int i = 1; i <= kMounts; ++i) {
+            mounts.push_back(path + "/m" + std::to_string(i));
+            mkdir(mounts.back().c_str(), 0755);
+            std::ofstream(mounts.back() + "/repositorypart.cfg") << "";
+            std::string location = resourceLocation(mounts.back(), resourceOn(i).c_str());
+            mkdirs(location.c_str(), 0755);
+        }
+    }
+    ~BenchRepository() { std::system(("rm -rf '" + path + "'").c_str()); }
+
+    static std::string resourceOn(int k) {
+        return std::string(kResource) + "." + std::to_string(k);
+    }
+};
+
+BenchRepository& repository() {
+    static BenchRepository instance;
+    return instance;
+}
+
+void lookup(benchmark::State& state, bool lock) {
+    BenchRepository& repo = repository();
+    const std::string name = BenchRepository::resourceOn(static_cast<int>(state.range(0)));
+    int status = -1;
+    for (auto _ : state) {
+        char* location = getLocation_(repo.path.c_str(), name.c_str(), &status, false, lock, false,
+                                      false, nullptr);
+        benchmark::DoNotOptimize(location);
+        release(location);
+    }
+    if (status != 0) state.SkipWithError("the resource was not found");
+}
+
+void floorLookup(benchmark::State& state, bool lock) {
+    BenchRepository& repo = repository();
+    const int k = static_cast<int>(state.range(0));
+    const std::string name = BenchRepository::resourceOn(k);
+    std::vector<std::string> configs, locations;
+    for (int i = 0; i < k; ++i) {
+        configs.push_back(repo.mounts[i] + "/repositorypart.cfg");
+        locations.push_back(resourceLocation(repo.mounts[i], name.c_str()));
+    }
+    const std::string lockFile = repo.lockDir + "/semaphore_floor";
+    struct stat st;
+    for (auto _ : state) {
+        if (lock) close(open(lockFile.c_str(), O_RDONLY | O_CREAT | O_EXCL, 0660));
+        for (int i = 0; i < k; ++i) {
+            benchmark::DoNotOptimize(stat(configs[i].c_str(), &st));
+            benchmark::DoNotOptimize(access(locations[i].c_str(), F_OK));
+        }
+        if (lock) unlink(lockFile.c_str());
+    }
+}
+
+void BM_getLocation(benchmark::State& state) {
+    lookup(state, false);
+}
+void BM_floor_getLocation(benchmark::State& state) {
+    floorLookup(state, false);
+}
+void BM_getLocationLocked(benchmark::State& state) {
+    lookup(state, true);
+}
+void BM_floor_getLocationLocked(benchmark::State& state) {
+    floorLookup(state, true);
+}
+
+BENCHMARK(BM_floor_getLocation)->DenseRange(1, kMounts);
+BENCHMARK(BM_getLocation)->DenseRange(1, kMounts);
+BENCHMARK(BM_floor_getLocationLocked)->DenseRange(1, kMounts);
+BENCHMARK(BM_getLocationLocked)->DenseRange(1, kMounts);
+
+// New locations on one mount: the hash levels are made, the resource directory is not.
+void BM_createLocation(benchmark::State& state) {
+    BenchRepository& repo = repository();
+    long n = 0;
+    int status = 0, existed = 0;
+    for (auto _ : state) {
+        const std::string name = "new." + std::to_string(n++);
+        char* location =
+            createLocation_(repo.path.c_str(), name.c_str(), &status, &existed, false, nullptr);
+        benchmark::DoNotOptimize(location);
+        release(location);
+    }
+    state.counters["per_second"] =
+        benchmark::Counter(static_cast<double>(n), benchmark::Counter::kIsRate);
+}
+BENCHMARK(BM_createLocation);
+
+}  // namespace
+
+RH_BENCHMARK_MAIN();
