@@ -237,6 +237,21 @@ TEST(RepositoryRegistryTest, aChangedConfigurationIsReloadedOnlyAfterTheQuietPer
         << "an unchanged file keeps the handler after the quiet period";
 }
 
+TEST(RepositoryRegistryTest, spellingsOfOnePathShareOneHandler) {
+    ScratchRepository repo;
+    repo.addMount("p1");
+    repo.writeConfig({{"isShared", "false"}});
+    auto handler = getRepository(nullptr, repo.path().c_str(), true);
+    const std::string dir = repo.path().substr(repo.path().rfind('/') + 1);
+    for (const std::string& spelling :
+         {repo.path() + "/", repo.path() + "/.", "/tmp//" + dir, "/tmp/./" + dir,
+          repo.path() + "/p1/..", "/tmp/" + dir + "//"}) {
+        EXPECT_EQ(getRepository(nullptr, spelling.c_str(), true), handler) << spelling;
+    }
+    EXPECT_EQ(handler->path(), repo.path());
+    EXPECT_NE(getRepository(nullptr, (repo.path() + "/p1").c_str(), true), handler);
+}
+
 TEST(RepositoryRegistryTest, touchingOnlyAnExtraConfigFileDoesNotReload) {
     ClockGuard clock;
     ScratchRepository repo;
