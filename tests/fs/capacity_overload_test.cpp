@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <fstream>
 #include <list>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -261,6 +262,49 @@ TEST_F(Overload, TheTargetMountsMovePluginDoesTheCopying) {
     int onTarget = 0;
     for (int i = 0; i < 20; ++i) onTarget += entryExists(at(1, "r" + std::to_string(i)));
     EXPECT_EQ(recorded, onTarget) << "every move went through the plug-in";
+}
+
+TEST_F(Overload, FreeMountMovesEveryResourceOntoTheOtherMounts) {
+    makeRepository({}, {});
+    for (int i = 0; i < 5; ++i) put(0, "r" + std::to_string(i), i);
+    handler()->setDirty(nullptr, "r3", true);  // taken too: the move merges it
+
+    EXPECT_EQ(freeMount_(repo_.path().c_str(), repo_.mountPath(0).c_str(), false, nullptr), 0);
+
+    EXPECT_TRUE(hashLevelsOn(repo_.mountPath(0)).empty());
+    for (int i = 0; i < 5; ++i) {
+        const std::string name = "r" + std::to_string(i);
+        EXPECT_EQ(readFile(at(1, name) + "/image"), kContent + name);
+    }
+    EXPECT_EQ(handler()->dirtyFlags().snapshot(), std::set<std::string>{"r3"});
+}
+
+TEST_F(Overload, FreeMountOfAnUnknownMountChangesNothing) {
+    makeRepository({}, {});
+    put(0, "r", 1);
+    SyslogCapture log;
+    const std::string elsewhere = repo_.path() + "/p3";
+    EXPECT_EQ(freeMount_(repo_.path().c_str(), elsewhere.c_str(), false, nullptr), -1);
+    EXPECT_EQ(
+        log.countContaining("Source mount \"" + elsewhere + "\" could not be found in repository."),
+        1);
+    EXPECT_TRUE(entryExists(at(0, "r")));
+}
+
+TEST_F(Overload, UnAgeBringsAResourceBackOntoTheLastFastMount) {
+    makeRepository({}, {{"type", "fast"}});
+    put(1, "aged", 60);
+
+    char* location = unAge_(repo_.path().c_str(), "aged", nullptr);
+    ASSERT_NE(location, nullptr);
+    EXPECT_EQ(std::string(location), at(0, "aged"));
+    release(location);
+    EXPECT_EQ(readFile(at(0, "aged") + "/image"), kContent + "aged");
+    EXPECT_FALSE(entryExists(at(1, "aged")));
+    EXPECT_TRUE(hashLevelsOn(repo_.mountPath(1)).empty());
+    // Already on a fast mount: nothing to do.
+    EXPECT_EQ(unAge_(repo_.path().c_str(), "aged", nullptr), nullptr);
+    EXPECT_EQ(unAge_(repo_.path().c_str(), "../p2", nullptr), nullptr);
 }
 
 }  // namespace

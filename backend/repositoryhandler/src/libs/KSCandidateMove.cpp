@@ -1,7 +1,10 @@
 #include "KSCandidateMove.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <ctime>
+#include <list>
 #include <memory>
 #include <string>
 
@@ -66,6 +69,18 @@ void settleDirtyMark(KSRepositoryHandler& repository, const CandidateMove& how,
 
 }  // namespace
 
+unsigned long long resourceBytes(const std::string& path) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) return 0;
+    if (!S_ISDIR(st.st_mode))
+        return S_ISREG(st.st_mode) ? static_cast<unsigned long long>(st.st_size) : 0;
+    std::list<std::string> names;
+    listDir(path.c_str(), &names, false, false);
+    unsigned long long total = 0;
+    for (const std::string& name : names) total += resourceBytes(path + "/" + name);
+    return total;
+}
+
 CandidateMoveResult moveCandidate(KSRepositoryHandler& repository, const CandidateMove& how,
                                   const ResourceEntry& entry, KSMountPointHandler& target) {
     std::unique_ptr<char[]> id(toResourceID(repository.path().c_str(), entry.name.c_str()));
@@ -90,6 +105,7 @@ CandidateMoveResult moveCandidate(KSRepositoryHandler& repository, const Candida
     logMove(repository, how, entry, destination);
     // Marked before the first byte is copied; see the header.
     if (!wasDirty) dirty.setDirty(how.connection, entry.name.c_str(), true);
+    const unsigned long long bytes = resourceBytes(entry.path);
 
     int result;
     try {
@@ -110,6 +126,8 @@ CandidateMoveResult moveCandidate(KSRepositoryHandler& repository, const Candida
     if (result & 8) return CandidateMoveResult::Failed;
 
     clearEmptyHash(entry.path.c_str());
+    repository.progress().moved++;
+    repository.progress().bytes += bytes;
     const KSRepositoryHandler::Settings& settings = repository.settings();
     if (settings.maintainLegacyLinks && !settings.legacyDir.empty())
         setLink(destination.c_str(), (settings.legacyDir + "/" + entry.name).c_str());

@@ -10,6 +10,8 @@
 // next lookup searches every mount and merges or reports a conflict instead of answering with
 // a half-written copy.
 
+#include <string>
+
 #include "ResourceEntry.h"
 
 class KSRepositoryHandler;
@@ -41,6 +43,9 @@ struct CandidateMove {
     // Skip a resource in the dirty set (its copies are waiting for a merge decision).
     bool skipDirty = true;
 };
+
+// Bytes held by the files below `path` (a file: its own size); links are not followed.
+unsigned long long resourceBytes(const std::string& path);
 
 // Moves `entry` (a resource on some mount of `repository`) to `target`. Never throws for file
 // system trouble; database exceptions of the dirty set and the lock pass through.

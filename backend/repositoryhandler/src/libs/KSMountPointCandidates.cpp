@@ -90,6 +90,7 @@ uint32_t KSMountPointHandler::getOldestResources(kelp::db::DBConnector* connecti
             continue;
         }
         ++counters_.checked;
+        if (repository_ != nullptr) repository_->progress().checked++;
         started = nanoTime();
         entry.time = lastAccess(entry.path.c_str(), &st);
         counters_.accessTime += nanoTime() - started;
@@ -152,6 +153,7 @@ uint32_t KSMountPointHandler::getRandomResources(kelp::db::DBConnector* /*connec
             }
             entry.name = name;
             entry.time = lastAccess(entry.path.c_str(), &st);
+            repository_->progress().checked++;
             result.insert(entry);
             if (result.size() >= maxCount) break;
         }

@@ -108,6 +108,7 @@ int KSMountPointHandler::moveResourcesNewInner(kelp::db::DBConnector* connection
             entry.path = path_ + "/" + entry.relativePath;
             if (lstat(entry.path.c_str(), &st) != 0 || S_ISLNK(st.st_mode)) continue;
             ++counters_.checked;
+            repository_->progress().checked++;
             entry.time = lastAccess(entry.path.c_str(), &st);
             const int age = static_cast<int>((now - entry.time) / kSecondsPerDay);
             if (entry.time > youngest) {

@@ -243,6 +243,22 @@ public:
     std::list<std::string>* getDeletedDirs() { return &deletedDirs_; }
     unsigned collectNum() const { return collectNum_; }
 
+    // Counters of the maintenance in progress (checkOverload, moveAllResourcesFromMount), reset
+    // when one starts. Written by the maintenance thread, readable from any other thread, so
+    // that a tool can show progress while the maintenance runs.
+    struct MaintenanceProgress {
+        std::atomic<unsigned long long> checked{0};  // resources looked at
+        std::atomic<unsigned long long> moved{0};
+        std::atomic<unsigned long long> deleted{0};
+        std::atomic<unsigned long long> bytes{0};  // moved or deleted
+        std::atomic<int> mountIndex{-1};           // mount being worked on, -1 none
+        void reset() {
+            checked = moved = deleted = bytes = 0;
+            mountIndex = -1;
+        }
+    };
+    MaintenanceProgress& progress() { return progress_; }
+
 private:
     void resetToDefaults();
     void clearMountHandlers();
@@ -276,6 +292,7 @@ private:
 
     // The steps of checkOverload (KSRepositoryOverload.cpp) keep the run's state here.
     friend class KSOverloadRun;
+    MaintenanceProgress progress_;
     std::list<std::string> deletedDirs_;
     unsigned deletedCount_ = 0;
     unsigned collectNum_ = 100;

@@ -198,6 +198,9 @@ int KSRepositoryHandler::moveAllResourcesFromMount(kelp::db::DBConnector* connec
         say(verbose, text);
         return -1;
     }
+    progress_.reset();
+    for (size_t i = 0; i < mounts_.size(); ++i)
+        if (mounts_[i].get() == source) progress_.mountIndex = static_cast<int>(i);
     KSNomoveHandler nomove;
     CandidateMove how;
     how.connection = connection;
@@ -254,6 +257,7 @@ int KSRepositoryHandler::moveAllResourcesFromMount(kelp::db::DBConnector* connec
 }
 
 char* KSRepositoryHandler::unAge(kelp::db::DBConnector* connection, const char* resource) {
+    initMPHandlers();  // the mount types are known once the mounts are set up
     if (!hasNonFastMount()) return nullptr;
     if (resource == nullptr || !isSafeResourceName(resource)) {
         rh_logger.errorLog("unAge: No location for resource %s", resource ? resource : "(null)");

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "KSCandidateMove.h"
 #include "KSClock.h"
 #include "KSLogger.h"
 #include "KSNomoveHandler.h"
@@ -117,6 +118,7 @@ void KSOverloadRun::run() {
     }
     repo_.deletedDirs_.clear();
     repo_.deletedCount_ = 0;
+    repo_.progress_.reset();
 
     std::unique_ptr<char[]> id(toResourceID(name.c_str(), ""));
     // Keeps two maintenance passes (or a pass and an emptying) of this repository apart; the
@@ -140,6 +142,7 @@ void KSOverloadRun::run() {
     repo_.collectNum_ = kFirstCollectNum;
     for (size_t i = 0; i < repo_.mounts().size(); ++i) {
         if (stopped()) break;
+        repo_.progress_.mountIndex = static_cast<int>(i);
         checkMount(*repo_.mounts()[i], static_cast<int>(i));
     }
     rh_logger.infoLog("checkoverload at the end");
@@ -364,10 +367,13 @@ KSOverloadRun::Deletion KSOverloadRun::deleteCandidate(const ResourceEntry& entr
     repo_.deletedDirs_.push_back(entry.path);
     ++repo_.deletedCount_;
     ++changes_;
+    const unsigned long long bytes = resourceBytes(entry.path);
     int result = deleteRes(path, settings.callback, entry.name.c_str(), repo_.path().c_str());
     Deletion done = Deletion::Deleted;
     if (result == 0) {
         clearEmptyHash(path);
+        repo_.progress_.deleted++;
+        repo_.progress_.bytes += bytes;
     } else {
         rh_logger.errorLog(oldEnough ? "Resource deleting (mount's old enough) didn't succeed:%s"
                                      : "Resource deleting didn't succeed:%s",
