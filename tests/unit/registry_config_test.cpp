@@ -305,3 +305,24 @@ TEST(RepositoryHandlerTest, parallelRunVisitsEveryMountOnceWithAtMostTheGivenThr
         }
     }
 }
+
+TEST(RepositoryHandlerTest, threadsAskingAFreshRepositoryAllSeeItsMountsSetUp) {
+    ScratchRepository repo;
+    for (int i = 0; i < 6; ++i) repo.addMount("p" + std::to_string(i), {{"type", "fast"}});
+    repo.writeConfig({{"isShared", "false"}, {"numThreads", "3"}});
+    for (int round = 0; round < 5; ++round) {
+        KSRepositoryHandler handler(nullptr, repo.path().c_str());
+        std::atomic<int> notReady{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 6; ++t) {
+            threads.emplace_back([&handler, &notReady, t] {
+                KSMountPointHandler& mount = *handler.mounts()[t];
+                mount.checkStatus(true);
+                if (!mount.config().fast || !handler.mountHandlersInitialised()) ++notReady;
+            });
+        }
+        for (auto& t : threads) t.join();
+        EXPECT_EQ(notReady.load(), 0);
+        EXPECT_FALSE(handler.hasNonFastMount());
+    }
+}
