@@ -2,7 +2,9 @@
 // itself, its log lines, and its per-thread statement caches counted by Com_stmt_prepare.
 #include <syslog.h>
 
+#include <atomic>
 #include <memory>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -276,4 +278,25 @@ TEST_F(DbConnector, reconnectDropsTheCachesOfEveryThread) {
     EXPECT_EQ(1, preparesOnConnection(*connector));
     second.run([&] { EXPECT_FALSE(locks->releaseLock("never-held")); });
     EXPECT_EQ(2, preparesOnConnection(*connector));
+}
+
+TEST_F(DbConnector, moreThreadsThanCacheEntriesShareOneConnectorSafely) {
+    auto connector = makeConnector();
+    LockDB* locks = connector->lockDB();
+    std::string prefix = uniqueName("shared");
+    std::atomic<int> taken{0}, released{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 24; ++t) {
+        threads.emplace_back([&, t] {
+            std::string id = prefix + "_" + std::to_string(t);
+            for (int i = 0; i < 20; ++i) {
+                taken += locks->lockFirstTime(id, "r", "a", t) ? 1 : 0;
+                released += locks->releaseLock(id) ? 1 : 0;
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(480, taken.load());
+    EXPECT_EQ(480, released.load());
+    EXPECT_EQ(16u, static_cast<LockDBSql*>(locks)->threadCount());
 }
