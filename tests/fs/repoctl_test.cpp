@@ -1,0 +1,107 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "ScratchRepository.h"
+
+namespace {
+
+struct CommandResult {
+    int code;
+    std::string output;  // standard output and standard error
+};
+
+// Runs the repoctl built next to the tests (scripts/test builds every target).
+CommandResult repoctl(const std::string& arguments) {
+    const std::string binary = std::string(RH_TEST_BINARY_DIR) + "/repoctl";
+    if (access(binary.c_str(), X_OK) != 0) {
+        ADD_FAILURE() << binary << " is missing: build the repoctl target";
+        return {-1, ""};
+    }
+    FILE* pipe = popen((binary + " " + arguments + " 2>&1").c_str(), "r");
+    if (pipe == nullptr) return {-1, ""};
+    std::string output;
+    char piece[256];
+    while (fgets(piece, sizeof piece, pipe) != nullptr) output += piece;
+    const int status = pclose(pipe);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+}  // namespace
+
+TEST(RepoctlTest, statusShowsEveryMountWithItsFillLevelBitsAndFlags) {
+    RH_REQUIRE_MOUNTS();
+    ScratchRepository repo;
+    repo.addTmpfsMount("p1", 100 * TmpfsMount::kBlockSize, 1000, {{"switchLimit", "50"}});
+    repo.addTmpfsMount("p2", 100 * TmpfsMount::kBlockSize, 1000);
+    repo.addMount("p3");
+    repo.tmpfs(0)->fillBlocksTo(60);
+    repo.tmpfs(1)->fillBlocksTo(99);
+    repo.writeConfig({{"isShared", "false"}});
+    ASSERT_EQ(unlink((repo.mountPath(2) + "/repositorypart.cfg").c_str()), 0);
+
+    const CommandResult run = repoctl("status " + repo.path());
+    EXPECT_EQ(run.code, 0) << run.output;
+    EXPECT_TRUE(contains(run.output, "repository " + repo.path() + "\n")) << run.output;
+    EXPECT_TRUE(contains(run.output, "status    144 (0x090) incomplete switch\n")) << run.output;
+    EXPECT_TRUE(contains(run.output, "mount " + repo.mountPath(0) +
+                                         "\n"
+                                         "  used      60.00 %\n"
+                                         "  limits    remind 80  warn 90  warn2 91  warn3 92  "
+                                         "switch 50  full 94  clean 98  move 99  hardfull 99.9\n"
+                                         "  status    0x010 switch\n"
+                                         "  dedicated yes\n"
+                                         "  dead      no\n"))
+        << run.output;
+    EXPECT_TRUE(
+        contains(run.output, "  status    0x0ff remind warn warn2 warn3 switch full clean move\n"))
+        << run.output;
+    EXPECT_TRUE(contains(run.output, "mount " + repo.mountPath(2) +
+                                         "\n"
+                                         "  used      -\n"))
+        << run.output;
+    EXPECT_TRUE(contains(run.output,
+                         "  status    0x100 dead\n"
+                         "  dedicated no\n"
+                         "  dead      yes\n"))
+        << run.output;
+}
+
+TEST(RepoctlTest, missingRepositoriesAndBadArgumentsFailWithAMessage) {
+    CommandResult run = repoctl("status /nonexistent/repository");
+    EXPECT_EQ(run.code, 1);
+    EXPECT_TRUE(contains(run.output, "no repository directory \"/nonexistent/repository\""))
+        << run.output;
+    run = repoctl("status");
+    EXPECT_EQ(run.code, 2);
+    EXPECT_TRUE(contains(run.output, "usage: repoctl status REPO...")) << run.output;
+    run = repoctl("frobnicate");
+    EXPECT_EQ(run.code, 2);
+    EXPECT_TRUE(contains(run.output, "unknown command \"frobnicate\"")) << run.output;
+    EXPECT_EQ(repoctl("").code, 2);
+}
+
+TEST(RepoctlTest, hashPrintsTheHashedLocationOfEachSafeName) {
+    CommandResult run = repoctl("hash study1 report-7");
+    EXPECT_EQ(run.code, 0);
+    EXPECT_EQ(run.output, "SH/D_/Z4/study1\n8H/6A/4O/report-7\n");
+    run = repoctl("hash study1 ../etc ''");
+    EXPECT_EQ(run.code, 1);
+    EXPECT_TRUE(contains(run.output, "SH/D_/Z4/study1\n")) << run.output;
+    EXPECT_TRUE(contains(run.output, "\"../etc\" is not a resource name")) << run.output;
+    EXPECT_TRUE(contains(run.output, "\"\" is not a resource name")) << run.output;
+}
+
+TEST(RepoctlTest, helpListsTheRegisteredCommands) {
+    const CommandResult run = repoctl("--help");
+    EXPECT_EQ(run.code, 0);
+    EXPECT_TRUE(contains(run.output, "  status REPO...")) << run.output;
+    EXPECT_TRUE(contains(run.output, "  hash NAME...")) << run.output;
+}
