@@ -103,21 +103,6 @@ TEST(SemaphoreTest, lockFileIsNamedAfterTheSemaphoreInLockVarAndRemovedOnRelease
     EXPECT_FALSE(fs::exists(file)) << "the destructor releases a held lock";
 }
 
-TEST(SemaphoreTest, lockWithoutReleaseOnDestructionOutlivesTheObject) {
-    TempDir dir;
-    ScopedEnv env("LOCK_VAR", dir.path().c_str());
-    {
-        KSSemaphore semaphore("kept");
-        semaphore.setReleaseOnDestruction(false);
-        ASSERT_TRUE(semaphore.lockResource());
-    }
-    EXPECT_TRUE(fs::exists(dir.path() + "/semaphore_kept"));
-    KSSemaphore releaser("kept");
-    releaser.setLocked(true);
-    releaser.unlock();
-    EXPECT_FALSE(fs::exists(dir.path() + "/semaphore_kept"));
-}
-
 TEST(SemaphoreTest, withoutLockVarTheLockFileLiesInTheWorkingDirectory) {
     TempDir dir;
     ScopedEnv env("LOCK_VAR", nullptr);
@@ -148,21 +133,6 @@ TEST(SemaphoreTest, unusableLockDirectoryThrowsWithErrnoAndSmartSemaphoreReports
     EXPECT_TRUE(
         syslog.findEqual("SmartSemaphore.lock() : KSException caught: 'Creating semaphore "
                          "failed: n [No such file or directory]' (2)"));
-}
-
-TEST(SemaphoreTest, releasingALockFileThatVanishedThrows) {
-    TempDir dir;
-    ScopedEnv env("LOCK_VAR", dir.path().c_str());
-    KSSemaphore semaphore("gone");
-    ASSERT_TRUE(semaphore.lockResource());
-    fs::remove(dir.path() + "/semaphore_gone");
-    try {
-        semaphore.unlock();
-        FAIL() << "no exception";
-    } catch (const KSIOException& e) {
-        EXPECT_EQ("Releasing semaphore failed: gone [No such file or directory]", e.getMessage());
-    }
-    EXPECT_FALSE(semaphore.isLocked());
 }
 
 TEST(SemaphoreTest, secondProcessWaitsAndGetsTheLockAfterTheFirstReleases) {
@@ -207,13 +177,6 @@ TEST(SemaphoreTest, holderThatNeverReleasesMakesSmartSemaphoreGiveUpAfterThirtyS
         syslog.findEqual("SmartSemaphore.lock() : KSException caught: 'Semaphore timed out' (1)"));
     EXPECT_TRUE(holder.isLocked());
     EXPECT_TRUE(fs::exists(dir.path() + "/semaphore_busy")) << "the waiter removed nothing";
-}
-
-TEST(SemaphoreTest, smartSemaphoreWithoutNameHoldsNothingAndFails) {
-    SmartSemaphore none(true, nullptr, nullptr);
-    EXPECT_EQ(nullptr, none.semaphore());
-    EXPECT_FALSE(none.lock());
-    none.unlock();
 }
 
 TEST(SemaphoreTest, growingStepsStartAtHalfTheInitialDelayAndStopGrowingAtTheMaximum) {
