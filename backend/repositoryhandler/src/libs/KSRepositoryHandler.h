@@ -107,10 +107,16 @@ public:
     // Repository status flags (KSStatus.h), computed afresh from every mount.
     int checkRepositoryStatus();
     int repositoryStatus() const { return repositoryStatus_.load(); }
-    // Maintenance aids: make a random mount look dead/alive, take one mount out or back in,
-    // give back every mount taken out.
+    // Maintenance aids. A mount is taken out by renaming its repositorypart.cfg to
+    // repositorypart.no (it then tests as dead) and given back by renaming it again; each aid
+    // ends by recomputing the repository status.
+    // rndMount toggles a mount chosen by rand(); nothing happens without mounts.
     void rndMount();
+    // `mount` true gives the mount at `mountIndex` back (probed again at once), false takes it
+    // out. -1 for an index outside the mount list, else 0.
     int MountUnmount(int mountIndex, bool mount);
+    // Gives back every mount taken out. The number of mounts given back, or -1 when a rename
+    // failed.
     int giveBackMounts();
 
     const std::string& path() const { return path_; }
