@@ -4,8 +4,8 @@
 
 #include <atomic>
 #include <memory>
-#include <thread>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -23,6 +23,7 @@
 #include "SqlConnection.h"
 #include "SqlException.h"
 #include "SyslogCapture.h"
+#include "TempTree.h"
 
 using namespace kelp::db;
 
@@ -299,4 +300,34 @@ TEST_F(DbConnector, moreThreadsThanCacheEntriesShareOneConnectorSafely) {
     EXPECT_EQ(480, taken.load());
     EXPECT_EQ(480, released.load());
     EXPECT_EQ(16u, static_cast<LockDBSql*>(locks)->threadCount());
+}
+
+TEST_F(DbConnector, unreachableServerEndsAStatementAtOnceButAWantingEnvironmentIsRetried) {
+    TempTree tree;
+    tree.write("conf/db.cfg", "retryCount=0\n");
+    ScopedEnv conf("CONF", tree.path("conf").c_str());
+    QueryBindings none(0, 0);
+    {
+        ScopedEnv socket("MYSQL_UNIX_PORT", tree.path("stopped.sock").c_str());
+        auto stopped = makeConnector();
+        log.clear();
+        try {
+            stopped->executeUpdate("DO 1", none, true);
+            FAIL() << "a statement ran without a server";
+        } catch (const DBException& e) {
+            EXPECT_EQ(2002u, e.code());
+        }
+        EXPECT_EQ(1u, log.lines().size());
+    }
+    ScopedEnv noUser("MED_USER", nullptr);
+    auto wanting = makeConnector();
+    log.clear();
+    try {
+        wanting->executeUpdate("DO 1", none, false);
+        FAIL() << "a statement ran without MED_USER";
+    } catch (const DBException& e) {
+        EXPECT_EQ(0u, e.code());
+        EXPECT_STREQ("Missing environment variable: MED_USER: [0]  [0]", e.what());
+    }
+    EXPECT_EQ(19, log.countContaining("Potential connection lost (error code 0)"));
 }
