@@ -154,6 +154,31 @@ TEST_F(Overload, DeleteOldPassDeletesTheMountsOwnOldResourcesInsteadOfMoving) {
     EXPECT_EQ(hashLevelsOn(repo_.mountPath(1)).size(), 1u) << "nothing is moved";
 }
 
+TEST_F(Overload, WithNoRoomAnywhereTheRepositorysOldestAreDeletedUntilAMoveIsPossible) {
+    // p2 is past its full and clean limits, so no mount can take a moved resource.
+    repo_.addTmpfsMount("p1", kSmall, 2000,
+                        {{"moveLimit", "50"}, {"cleanLimit", "40"}, {"deleteOld", "0"}});
+    repo_.addTmpfsMount("p2", kSmall, 2000, {{"fullLimit", "30"}, {"cleanLimit", "33"}});
+    repo_.writeConfig(
+        {{"isShared", "false"}, {"isClearable", "true"}, {"isClearableMove", "true"}});
+    for (int i = 0; i < 20; ++i) put(0, "a" + std::to_string(i), 40 + i);
+    for (int i = 0; i < 10; ++i) put(1, "b" + std::to_string(i), 79 - i);  // b0 oldest
+    ASSERT_TRUE(handler()->checkRepositoryStatus() & REPOSITORY_CANNOTMOVE);
+
+    checkOverload();
+
+    std::list<std::string> gone = deleted();
+    ASSERT_FALSE(gone.empty());
+    int i = 0;
+    for (const std::string& path : gone) EXPECT_EQ(path, at(1, "b" + std::to_string(i++)));
+    for (int a = 0; a < 20; ++a) {
+        const std::string name = "a" + std::to_string(a);
+        EXPECT_NE(entryExists(at(0, name)), entryExists(at(1, name))) << name;
+    }
+    EXPECT_GE(handler()->collectNum(), 100u);
+    EXPECT_LE(handler()->collectNum(), 50000u);
+}
+
 TEST_F(Overload, AResourceTouchedAfterGatheringIsNotDeleted) {
     makeRepository({{"isClearable", "true"}, {"callback", "RepositoryStudyCallback"}},
                    {{"moveLimit", "50"}, {"cleanLimit", "40"}});

@@ -198,6 +198,11 @@ int KSRepositoryHandler::moveAllResourcesFromMount(kelp::db::DBConnector* connec
         say(verbose, text);
         return -1;
     }
+    if (source->checkStatus(false) & MOUNT_DEAD) {
+        rh_logger.errorLog("EmptyMount: source mount %s is unmounted", source->path().c_str());
+        if (verbose) printf("EmptyMount: source mount %s is unmounted\n", source->path().c_str());
+        return -1;
+    }
     progress_.reset();
     for (size_t i = 0; i < mounts_.size(); ++i)
         if (mounts_[i].get() == source) progress_.mountIndex = static_cast<int>(i);
