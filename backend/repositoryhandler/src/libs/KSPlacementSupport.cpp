@@ -3,6 +3,7 @@
 #include <cstring>
 #include <memory>
 
+#include "KSLogger.h"
 #include "KSMountPointHandler.h"
 #include "KSPathUtils.h"
 #include "KSRepositoryHandler.h"
@@ -50,4 +51,20 @@ int moveFailureStatus(int moveResult) {
 std::string resourceLockId(const KSRepositoryHandler& repository, const char* resource) {
     std::unique_ptr<char[]> id(toResourceID(repository.path().c_str(), resource));
     return id ? std::string(id.get()) : std::string();
+}
+
+bool lockResourceInto(std::optional<SmartSemaphore>& semaphore, KSRepositoryHandler& repository,
+                      const char* resource, kelp::db::DBConnector* connection) {
+    std::string lockId = resourceLockId(repository, resource);
+    semaphore.emplace(repository.isShared(), lockId.c_str(), connection);
+    if (semaphore->lock()) return true;
+    rh_logger.errorLog("The resource \"%s\" could not be locked.", lockId.c_str());
+    return false;
+}
+
+bool refuseUnsafeName(const char* resource, const char* operation) {
+    if (isSafeResourceName(stripLeadingSlashes(resource).c_str())) return false;
+    rh_logger.errorLog("%s: refusing the resource name \"%s\", which is not a single name",
+                       operation, resource ? resource : "(null)");
+    return true;
 }

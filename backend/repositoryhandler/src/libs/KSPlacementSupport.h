@@ -3,10 +3,18 @@
 // Small helpers shared by the placement operations (lookup, creation, removal, legacy).
 // Stateless and thread-safe; texts returned as char* are new[] arrays owned by the caller.
 
+#include <optional>
 #include <string>
+
+#include "SmartSemaphore.h"
 
 class KSRepositoryHandler;
 class KSMountPointHandler;
+namespace kelp {
+namespace db {
+class DBConnector;
+}
+}  // namespace kelp
 
 // A new[] copy of `text` (never null).
 char* newText(const std::string& text);
@@ -26,3 +34,11 @@ std::string legacyPathOf(const KSRepositoryHandler& repository, const char* reso
 int moveFailureStatus(int moveResult);
 // The lock identity of `resource` in `repository`.
 std::string resourceLockId(const KSRepositoryHandler& repository, const char* resource);
+// Takes the resource's SmartSemaphore (of the repository's type) into `semaphore`, which then
+// holds it until it goes. False, with the "could not be locked." error logged, when it cannot
+// be taken.
+bool lockResourceInto(std::optional<SmartSemaphore>& semaphore, KSRepositoryHandler& repository,
+                      const char* resource, kelp::db::DBConnector* connection);
+// True, with an error line naming `operation`, for a name that is not a single path component
+// after its leading slashes (null, "", ".", "..", anything with a slash).
+bool refuseUnsafeName(const char* resource, const char* operation);

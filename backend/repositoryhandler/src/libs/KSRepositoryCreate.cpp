@@ -154,10 +154,8 @@ char* KSRepositoryHandler::createLocation(kelp::db::DBConnector* connection, con
     if (status == nullptr) status = &localStatus;
     if (existed == nullptr) existed = &localExisted;
     std::string name = checkedResourceName(resource);
-    std::string lockId = resourceLockId(*this, name.c_str());
-    SmartSemaphore semaphore(settings_.isShared, lockId.c_str(), connection);
-    if (!semaphore.lock()) {
-        rh_logger.errorLog("The resource \"%s\" could not be locked.", lockId.c_str());
+    std::optional<SmartSemaphore> semaphore;
+    if (!lockResourceInto(semaphore, *this, name.c_str(), connection)) {
         *status = RESOURCE_STATUS_LOCK_FAILED;
         return nullptr;
     }
@@ -181,10 +179,8 @@ char* KSRepositoryHandler::createDirectory(kelp::db::DBConnector* connection, co
     if (status == nullptr) status = &localStatus;
     if (secondStatus == nullptr) secondStatus = &localSecond;
     std::string name = checkedResourceName(resource);
-    std::string lockId = resourceLockId(*this, name.c_str());
-    SmartSemaphore semaphore(settings_.isShared, lockId.c_str(), connection);
-    if (!semaphore.lock()) {
-        rh_logger.errorLog("The resource \"%s\" could not be locked.", lockId.c_str());
+    std::optional<SmartSemaphore> semaphore;
+    if (!lockResourceInto(semaphore, *this, name.c_str(), connection)) {
         *status = RESOURCE_STATUS_LOCK_FAILED;
         return nullptr;
     }

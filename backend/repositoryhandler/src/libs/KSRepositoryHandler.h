@@ -78,6 +78,8 @@ public:
     };
 
     using MountList = std::vector<std::unique_ptr<KSMountPointHandler>>;
+    // The state of one repository-wide lookup (KSRepositoryLookup.cpp).
+    struct Lookup;
 
     // Builds the handler for `path` (already normalised) and runs setup(). Never throws for a
     // missing directory or a bad configuration: the handler is then marked unusable.
@@ -274,6 +276,8 @@ private:
     void readPluginName(KSProperties& properties, const char* key, const char* accepted,
                         std::string& target);
     void createMountHandlers(const char* mountPoints);
+    // The search over the mounts of one lookup, with its dirty and legacy steps.
+    char* searchAndSettle(Lookup& lookup, kelp::db::DBConnector* connection);
     // Lookup fallback (KSRepositoryLegacy.cpp): a resource found only in the legacy directory
     // is moved onto a mount when one can take it.
     char* takeOverFromLegacy(const char* resource, int* status, bool touch, bool dirty);

@@ -27,15 +27,6 @@
 
 namespace {
 
-// Names that can never be a resource: refused before any file or lock is touched.
-bool refuseUnsafeName(const char* resource, const char* operation) {
-    std::string name = stripLeadingSlashes(resource);
-    if (isSafeResourceName(name.c_str())) return false;
-    rh_logger.errorLog("%s: refusing the resource name \"%s\", which is not a single name",
-                       operation, resource ? resource : "(null)");
-    return true;
-}
-
 void rightTrim(std::string& text) {
     size_t end = text.find_last_not_of(" \t\r\n\f\v");
     text.erase(end == std::string::npos ? 0 : end + 1);
@@ -65,10 +56,8 @@ std::string KSRepositoryHandler::runInfoCallback(const char* resource, bool c, b
 
 // ---- the repository-wide lookup ---------------------------------------------------------------
 
-namespace {
-
 // The state of one repository-wide lookup, so that its steps can be separate functions.
-struct Lookup {
+struct KSRepositoryHandler::Lookup {
     Lookup(KSRepositoryHandler& repository, const char* name, int* statusOut, bool touchFound)
         : repo(repository), resource(name), status(statusOut), touch(touchFound) {}
 
@@ -80,6 +69,10 @@ struct Lookup {
     bool mountWasDead = false;
     std::string result;
 };
+
+namespace {
+
+using Lookup = KSRepositoryHandler::Lookup;
 
 char* giveErroneous(Lookup& lookup) {
     rh_logger.errorLog("Giving back RESOURCE_STATUS_ERRONEOUS because of global error, resource:%s",
@@ -205,22 +198,14 @@ char* KSRepositoryHandler::getLocation(kelp::db::DBConnector* connection, const 
     bool hasCallback = !settings_.callback.empty();
     if (useCallback && hasCallback && (settings_.authoritativeMode || !lookup.dirty)) {
         std::string answer = runInfoCallback(lookup.resource, false, false, false);
-        if (!answer.empty()) {
-            *status = RESOURCE_STATUS_FOUND;
-            return newText(answer);
-        }
-        if (settings_.authoritativeMode) {
-            *status = RESOURCE_STATUS_NOT_PRESENT;
-            return nullptr;
+        if (!answer.empty() || settings_.authoritativeMode) {
+            *status = answer.empty() ? RESOURCE_STATUS_NOT_PRESENT : RESOURCE_STATUS_FOUND;
+            return answer.empty() ? nullptr : newText(answer);
         }
     }
-
     std::optional<SmartSemaphore> semaphore;
     if (lock) {
-        std::string lockId = resourceLockId(*this, lookup.resource);
-        semaphore.emplace(settings_.isShared, lockId.c_str(), connection);
-        if (!semaphore->lock()) {
-            rh_logger.errorLog("The resource \"%s\" could not be locked.", lockId.c_str());
+        if (!lockResourceInto(semaphore, *this, lookup.resource, connection)) {
             *status = RESOURCE_STATUS_LOCK_FAILED;
             return nullptr;
         }
@@ -231,20 +216,23 @@ char* KSRepositoryHandler::getLocation(kelp::db::DBConnector* connection, const 
             "resource is dirty), repository=%s resource=%s",
             path_.c_str(), lookup.resource);
 
+    return searchAndSettle(lookup, connection);
+}
+
+// The search under the lock, then the dirty flag and the legacy fallback.
+char* KSRepositoryHandler::searchAndSettle(Lookup& lookup, kelp::db::DBConnector* connection) {
     bool erroneous = false;
-    if (!searchMounts(lookup, &erroneous)) {
-        if (erroneous) return giveErroneous(lookup);
-        return newText(lookup.result);
-    }
+    if (!searchMounts(lookup, &erroneous))
+        return erroneous ? giveErroneous(lookup) : newText(lookup.result);
     if (lookup.dirty && !lookup.mountWasDead) {
         dirtyFlags_.setDirty(connection, lookup.resource, false);
         lookup.dirty = false;
     }
     if (!lookup.result.empty()) {
-        *status = lookup.dirty ? RESOURCE_STATUS_DIRTY : RESOURCE_STATUS_FOUND;
+        *lookup.status = lookup.dirty ? RESOURCE_STATUS_DIRTY : RESOURCE_STATUS_FOUND;
         return newText(lookup.result);
     }
-    return takeOverFromLegacy(lookup.resource, status, touch, lookup.dirty);
+    return takeOverFromLegacy(lookup.resource, lookup.status, lookup.touch, lookup.dirty);
 }
 
 // ---- the lookup on one named mount ---------------------------------------------------------
@@ -273,12 +261,9 @@ char* KSRepositoryHandler::getLocationOnMount(kelp::db::DBConnector* connection,
         return nullptr;
     }
     std::string name = stripLeadingSlashes(resource);
-    std::string lockId = resourceLockId(*this, name.c_str());
     std::optional<SmartSemaphore> semaphore;
     if (lock) {
-        semaphore.emplace(settings_.isShared, lockId.c_str(), connection);
-        if (!semaphore->lock()) {
-            rh_logger.errorLog("The resource \"%s\" could not be locked.", lockId.c_str());
+        if (!lockResourceInto(semaphore, *this, name.c_str(), connection)) {
             *status = RESOURCE_STATUS_LOCK_FAILED;
             return nullptr;
         }
@@ -318,12 +303,9 @@ int KSRepositoryHandler::getLocations(kelp::db::DBConnector* connection, const c
     if (locations == nullptr || unusable_) return -RESOURCE_STATUS_ERRONEOUS;
     if (refuseUnsafeName(resource, "getLocations")) return -RESOURCE_STATUS_ERRONEOUS;
     std::string name = stripLeadingSlashes(resource);
-    std::string lockId = resourceLockId(*this, name.c_str());
     std::optional<SmartSemaphore> semaphore;
     if (lock) {
-        semaphore.emplace(settings_.isShared, lockId.c_str(), connection);
-        if (!semaphore->lock()) {
-            rh_logger.errorLog("The resource \"%s\" could not be locked.", lockId.c_str());
+        if (!lockResourceInto(semaphore, *this, name.c_str(), connection)) {
             return -RESOURCE_STATUS_LOCK_FAILED;
         }
     }

@@ -33,13 +33,6 @@ struct Removal {
     int finish() const { return removed ? result : RESOURCE_STATUS_MISSING; }
 };
 
-bool refuseUnsafeName(const char* resource, const char* operation) {
-    if (isSafeResourceName(stripLeadingSlashes(resource).c_str())) return false;
-    rh_logger.errorLog("%s: refusing the resource name \"%s\", which is not a single name",
-                       operation, resource ? resource : "(null)");
-    return true;
-}
-
 bool lstatExists(const std::string& path) {
     struct stat st;
     return ::lstat(path.c_str(), &st) == 0;
@@ -118,12 +111,9 @@ int KSRepositoryHandler::removeResource(kelp::db::DBConnector* connection, const
                                         bool lock, bool useCallback) {
     if (refuseUnsafeName(resource, "removeResource")) return RESOURCE_STATUS_ERRONEOUS;
     std::string name = stripLeadingSlashes(resource);
-    std::string lockId = resourceLockId(*this, name.c_str());
     std::optional<SmartSemaphore> semaphore;
     if (lock) {
-        semaphore.emplace(settings_.isShared, lockId.c_str(), connection);
-        if (!semaphore->lock()) {
-            rh_logger.errorLog("The resource \"%s\" could not be locked.", lockId.c_str());
+        if (!lockResourceInto(semaphore, *this, name.c_str(), connection)) {
             return RESOURCE_STATUS_LOCK_FAILED;
         }
     }
@@ -147,12 +137,9 @@ int KSRepositoryHandler::removeResourceOnMount(kelp::db::DBConnector* connection
                                                bool lock, bool useCallback) {
     if (refuseUnsafeName(resource, "removeResourceOnMount")) return RESOURCE_STATUS_ERRONEOUS;
     std::string name = stripLeadingSlashes(resource);
-    std::string lockId = resourceLockId(*this, name.c_str());
     std::optional<SmartSemaphore> semaphore;
     if (lock) {
-        semaphore.emplace(settings_.isShared, lockId.c_str(), connection);
-        if (!semaphore->lock()) {
-            rh_logger.errorLog("The resource \"%s\" could not be locked.", lockId.c_str());
+        if (!lockResourceInto(semaphore, *this, name.c_str(), connection)) {
             return RESOURCE_STATUS_LOCK_FAILED;
         }
     }
