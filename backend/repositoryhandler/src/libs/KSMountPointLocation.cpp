@@ -59,7 +59,7 @@ bool makeDirectoryWithRetries(const std::string& directory, int* savedErrno) {
 
 void logMkdirsFailure(const std::string& directory, int error) {
     rh_logger.errorLog("Error occurred while creating directory \"%s\". Error code is %d - %s",
-                       directory.c_str(), error, std::strerror(error));
+                       directory.c_str(), error, errnoText(error).c_str());
 }
 
 }  // namespace

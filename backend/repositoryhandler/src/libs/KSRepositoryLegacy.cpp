@@ -109,7 +109,7 @@ char* KSRepositoryHandler::takeOverFromLegacy(const char* resource, int* status,
     if (wasLink && std::remove(legacyPath.c_str()) != 0) {
         int error = errno;
         rh_logger.errorLog("Legacy link \"%s\" could not be removed. Cause: [%d] %s",
-                           legacyPath.c_str(), error, std::strerror(error));
+                           legacyPath.c_str(), error, errnoText(error).c_str());
     }
     if (settings_.maintainLegacyLinks) setLink(location.get(), legacyPath.c_str());
     *status = dirty ? RESOURCE_STATUS_DIRTY : RESOURCE_STATUS_FOUND;

@@ -93,7 +93,7 @@ bool KSRepositoryHandler::removeFromLegacy(const char* resource, bool useCallbac
             if (std::remove(legacyPath.c_str()) != 0) {
                 int error = errno;
                 rh_logger.errorLog("Legacy link \"%s\" could not be removed. Cause: [%d] %s",
-                                   legacyPath.c_str(), error, std::strerror(error));
+                                   legacyPath.c_str(), error, errnoText(error).c_str());
                 *result |= RESOURCE_STATUS_DIRTY;
             } else if (!target.empty() && exists(target.c_str())) {
                 *result |= deleteRes(target.c_str(), callback, resource, path_.c_str());
