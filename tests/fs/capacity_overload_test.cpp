@@ -103,6 +103,37 @@ TEST_F(Overload, NonClearableRepositoryMovesOnlyResourcesPastTheMoveTimeUntilBel
     EXPECT_TRUE(handler()->dirtyFlags().snapshot().empty());
 }
 
+TEST_F(Overload, APassThatCannotFreeEnoughShortensTheMoveTimeOfTheNextPass) {
+    makeRepository({}, {{"moveLimit", "50"}, {"cleanLimit", "40"}});
+    for (int i = 0; i < 20; ++i) put(0, "r" + std::to_string(i), 5 + i);  // all within 30 days
+    SyslogCapture log;
+
+    checkOverload();
+
+    const std::string state = handler()->mounts()[0]->lastMoveFile();  // known after setup
+    EXPECT_EQ(hashLevelsOn(repo_.mountPath(1)).size(), 0u);
+    EXPECT_EQ(log.countContaining("CheckOverload: moveTime: 30 is not enough for mount"), 1);
+    KSProperties first;
+    ASSERT_TRUE(first.load(state.c_str())) << state;
+    ASSERT_NE(first.getProperty("movetime"), nullptr);
+    const int days = atoi(first.getProperty("movetime"));
+    EXPECT_GT(days, 1);
+    EXPECT_LT(days, 20);
+
+    checkOverload();
+
+    EXPECT_LT(used(0), 40.0);
+    for (int i = 0; i < 20; ++i) {
+        if (5 + i < days) {  // younger than the new move time
+            EXPECT_TRUE(entryExists(at(0, "r" + std::to_string(i)))) << i;
+        }
+    }
+    KSProperties second;
+    ASSERT_TRUE(second.load(state.c_str()));
+    EXPECT_EQ(second.getProperty("movetime"), nullptr);
+    EXPECT_NE(second.getProperty("lasthash"), nullptr) << "the pass stopped part way";
+}
+
 TEST_F(Overload, ClearableRepositoryWithoutMoveDeletesTheOldestUntilBelowCleanLimit) {
     makeRepository({{"isClearable", "true"}}, {{"moveLimit", "50"}, {"cleanLimit", "40"}});
     std::vector<std::string> byAge;  // oldest first

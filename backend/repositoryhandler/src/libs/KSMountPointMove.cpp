@@ -66,15 +66,41 @@ double fragmentsOf(const std::string& path, unsigned long fragment) {
     return total;
 }
 
+// The data that stays on the mount, per whole day of age, estimated: every staying resource
+// is counted and the first kSampled of them are measured; an age's amount is its count times
+// their mean size. Measuring every one would read the metadata of every file on the mount in
+// every pass; the hash order makes the sample independent of age.
+class AgeTally {
+  public:
+    explicit AgeTally(unsigned long fragment) : fragment_(fragment) {}
+    void add(int age, const std::string& path) {
+        ++counts_[age];
+        if (sampled_ >= kSampled) return;
+        measured_ += fragmentsOf(path, fragment_);
+        ++sampled_;
+    }
+    void fill(std::map<int, double>& ageMap) const {
+        const double mean = sampled_ != 0 ? measured_ / sampled_ : 0.0;
+        for (const auto& [age, count] : counts_) ageMap[age] += static_cast<double>(count) * mean;
+    }
+
+  private:
+    static constexpr unsigned kSampled = 256;
+    unsigned long fragment_;
+    std::map<int, unsigned long long> counts_;
+    double measured_ = 0.0;
+    unsigned sampled_ = 0;
+};
+
 }  // namespace
 
 // Walk order: the hash directories in byte order, starting at `resumeHash` and wrapping round
 // to the ones before it, so successive passes share out the moving over the whole mount instead
 // of always emptying the first hash directories. `resumeHash` is set to the hash directory in
 // hand when the pass ends early (below the clean limit, no target left, stopped) and cleared
-// when the whole tree was walked. The age map gets, per whole day of age, the space (in
-// file-system fragments, the unit of blocksToFree) of every resource that stays on the mount,
-// so the caller can find the move time that would free enough next time.
+// when the whole tree was walked. The age map gets, per whole day of age, the estimated space
+// (in file-system fragments, the unit of blocksToFree) of the resources that stay on the mount
+// (see AgeTally), so the caller can find the move time that would free enough next time.
 int KSMountPointHandler::moveResourcesNewInner(kelp::db::DBConnector* connection,
                                                std::string& resumeHash, unsigned moveTime,
                                                std::map<int, double>& ageMap) {
@@ -94,13 +120,18 @@ int KSMountPointHandler::moveResourcesNewInner(kelp::db::DBConnector* connection
     const int64_t youngest = static_cast<int64_t>(now) - moveTime;
     CandidateMove how;
     how.connection = connection;
+    AgeTally staying(fragment);
+    auto finish = [&](int result) {
+        staying.fill(ageMap);
+        return result;
+    };
 
     for (size_t k = 0; k < hashes.size(); ++k) {
         const std::string& hash = hashes[(start + k) % hashes.size()];
         for (const std::string& name : sortedNames(path_ + "/" + hash, false)) {
             if (checkoverloadStopped) {
                 resumeHash = hash;
-                return 3;
+                return finish(3);
             }
             ResourceEntry entry;
             entry.name = name;
@@ -112,7 +143,7 @@ int KSMountPointHandler::moveResourcesNewInner(kelp::db::DBConnector* connection
             entry.time = lastAccess(entry.path.c_str(), &st);
             const int age = static_cast<int>((now - entry.time) / kSecondsPerDay);
             if (entry.time > youngest) {
-                ageMap[age] += fragmentsOf(entry.path, fragment);
+                staying.add(age, entry.path);
                 continue;
             }
             int targetIndex = repository_->getActualMountPointForMove(this, false);
@@ -121,21 +152,21 @@ int KSMountPointHandler::moveResourcesNewInner(kelp::db::DBConnector* connection
                                   entry.path.c_str());
                 rh_logger.infoLog("Nospaceleft? checkoverload couldn't move");
                 resumeHash = hash;
-                return 2;
+                return finish(2);
             }
             KSMountPointHandler& target = *repository_->mounts()[targetIndex];
             CandidateMoveResult moved = moveCandidate(*repository_, how, entry, target);
             if (moved == CandidateMoveResult::Vanished) continue;
             if (moved != CandidateMoveResult::Moved) {
-                ageMap[age] += fragmentsOf(entry.path, fragment);
+                staying.add(age, entry.path);
                 continue;
             }
             if (getUsedPercentage() < config_.cleanLimit) {
                 resumeHash = hash;
-                return 0;
+                return finish(0);
             }
         }
     }
     resumeHash.clear();
-    return getUsedPercentage() < config_.cleanLimit ? 0 : 1;
+    return finish(getUsedPercentage() < config_.cleanLimit ? 0 : 1);
 }
