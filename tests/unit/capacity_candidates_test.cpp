@@ -94,19 +94,6 @@ TEST_F(Candidates, YoungDirtyNoMoveAndRootLostFoundResourcesAreNeverCandidates) 
     EXPECT_EQ(mount.getOldestResources(nullptr, set, &nomove, 0, &own, "", 0), 0u);
 }
 
-TEST_F(Candidates, TheOwnSetIsUnboundedAndFilledOnlyForTheNamedMount) {
-    for (int i = 0; i < 6; ++i) put(0, "a" + std::to_string(i), 10 + i);
-    put(1, "b", 30);
-    ResourceSet set;
-    ResourceSet own;
-    EXPECT_EQ(handler_->getGlobalOldestResources(nullptr, set, nullptr, 2, true, &own, 0), 3);
-    EXPECT_EQ(own.size(), 6u);
-    own.clear();
-    set.clear();
-    handler_->getGlobalOldestResources(nullptr, set, nullptr, 2, false, &own, 0);
-    EXPECT_TRUE(own.empty());
-}
-
 TEST_F(Candidates, ASetStopFlagMakesBothGatheringsAnswerStopped) {
     put(0, "old", 10);
     // The flag is never cleared, so it is raised in a child process only.
