@@ -16,6 +16,7 @@
 #include "KSPathUtils.h"
 #include "KSProperties.h"
 #include "KSRepositoryHandler.h"
+#include "SmartSemaphore.h"
 
 namespace {
 
@@ -194,6 +195,15 @@ int KSRepositoryHandler::moveAllResourcesFromMount(kelp::db::DBConnector* connec
     if (source == nullptr) {
         std::string text = std::string("Source mount \"") + (mountName ? mountName : "") +
                            "\" could not be found in repository.";
+        rh_logger.errorLog("%s", text.c_str());
+        say(verbose, text);
+        return -1;
+    }
+    std::unique_ptr<char[]> id(toResourceID(path_.c_str(), ""));
+    // The repository lock keeps the emptying and the overload check apart.
+    SmartSemaphore repositoryLock(settings_.isShared, id.get(), connection);
+    if (!repositoryLock.lock()) {
+        std::string text = "The repository \"" + path_ + "\" could not be locked.";
         rh_logger.errorLog("%s", text.c_str());
         say(verbose, text);
         return -1;
