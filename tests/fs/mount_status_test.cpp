@@ -115,6 +115,14 @@ TEST(MountStatusTest, aRevivedMountReadsItsConfigurationAgain) {
     EXPECT_TRUE(r.mount().config().fast);
 }
 
+TEST(MountStatusTest, theCachedStatusAfterSetupUsesTheMountsOwnLimits) {
+    RH_REQUIRE_MOUNTS();
+    OneMountRepository r({}, {{"switchLimit", "40"}, {"fullLimit", "45"}});
+    r.disk().fillBlocksTo(50);
+    r.handler->initMPHandlers();
+    EXPECT_EQ(r.mount().checkStatus(true), static_cast<uint32_t>(MOUNT_SWITCH | MOUNT_FULL));
+}
+
 TEST(MountStatusTest, anEmptyPartConfigKeepsTheMountAliveWithTheRepositoryLimits) {
     RH_REQUIRE_MOUNTS();
     OneMountRepository r({{"switchLimit", "50"}, {"fullLimit", "55"}, {"remindLimit", "0"}});

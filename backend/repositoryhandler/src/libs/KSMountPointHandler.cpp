@@ -97,6 +97,9 @@ void KSMountPointHandler::setup() {
     }
     if (checkStatus(false) & MOUNT_DEAD) return;
     parseConfigFile();
+    // The fill level was measured against the repository's limits; the cached status must
+    // reflect the mount's own limits that were only read now.
+    status_.store(statusBits(usedPercentage_.load()));
     if (!dedicated_) dedicated_ = isDedicated();
 }
 
