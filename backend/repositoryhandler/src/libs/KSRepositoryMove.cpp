@@ -2,6 +2,7 @@
 // the emptying of a whole mount and bringing a resource back onto a fast mount.
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,6 +34,7 @@ bool parseDays(const char* text, long* days) {
     char* end = nullptr;
     long value = strtol(text, &end, 10);
     if (errno != 0 || end == text || *end != '\0' || value < 0) return false;
+    if (value > static_cast<long>(UINT32_MAX / kSecondsPerDay)) return false;  // seconds overflow
     *days = value;
     return true;
 }
