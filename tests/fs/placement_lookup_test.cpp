@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <list>
 #include <memory>
 #include <string>
 
@@ -142,6 +143,26 @@ TEST_F(PlacementLookup, LookupOnANamedMountAnswersForThatMountOnly) {
               nullptr);
     EXPECT_EQ(status, 4);
     EXPECT_TRUE(log.findContaining("mount cannot be found"));
+}
+
+TEST_F(PlacementLookup, EveryCopyIsListedAndPathsMapBackToTheirMount) {
+    makeRepository();
+    const std::string first = putResource(repo_.mountPath(0), "study1");
+    const std::string third = putResource(repo_.mountPath(2), "study1");
+    std::list<std::string> locations;
+    EXPECT_EQ(getLocations_(repo_.path().c_str(), "study1", &locations, true, false, nullptr), 2);
+    EXPECT_EQ(locations, (std::list<std::string>{first, third}));
+    EXPECT_EQ(getLocations_(repo_.path().c_str(), "..", &locations, true, false, nullptr), -8);
+
+    char* mount = getMountFromPath_(repo_.path().c_str(), (third + "/../x/f").c_str(), nullptr);
+    EXPECT_EQ(mount ? std::string(mount) : "", repo_.mountPath(2));
+    release(mount);
+    // A mount p1 does not claim p10: only whole path components count.
+    EXPECT_EQ(getMountFromPath_(repo_.path().c_str(), (repo_.path() + "/p10/x").c_str(), nullptr),
+              nullptr);
+    mount = getMountPathForDirectory_(repo_.path().c_str(), "study1", nullptr);
+    EXPECT_EQ(mount ? std::string(mount) : "", repo_.mountPath(0));
+    release(mount);
 }
 
 TEST_F(PlacementLookup, AuthoritativeCallbackDecidesWithoutLookingAtTheMounts) {
