@@ -68,7 +68,9 @@ char* KSMountPointHandler::getLocation(const char* resource, int* status, int* m
                                        bool touch, bool useMountStatus) {
     int localStatus = 0;
     if (status == nullptr) status = &localStatus;
-    if (!isSafeResourceName(stripLeadingSlashes(resource).c_str())) {
+    const char* name = resource;
+    while (name != nullptr && *name == '/') ++name;
+    if (!isSafeResourceName(name)) {
         rh_logger.errorLog("Refusing the resource name \"%s\" on mount %s: not a single name",
                            resource ? resource : "(null)", path_.c_str());
         *status = RESOURCE_STATUS_ERRONEOUS;
@@ -87,7 +89,7 @@ char* KSMountPointHandler::getLocation(const char* resource, int* status, int* m
         *status = RESOURCE_STATUS_MISSING;
         return nullptr;
     }
-    std::string location = resourceLocation(path_, stripLeadingSlashes(resource).c_str());
+    std::string location = resourceLocation(path_, name);
     if (::access(location.c_str(), F_OK) != 0) {
         *status = errno == ENOENT ? RESOURCE_STATUS_NOT_PRESENT : RESOURCE_STATUS_ERRONEOUS;
         return nullptr;
