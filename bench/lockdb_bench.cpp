@@ -26,8 +26,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 const char kLockId[] = "bench-lock";
-constexpr int kBlock = 1000;
-constexpr int kBlocks = 5;
+constexpr int kBlock = 200;
+constexpr int kBlocks = 40;
 
 std::string envText(const char* name) {
     const char* value = getenv(name);
@@ -98,6 +98,11 @@ long long prepares(kelp::db::DBConnector& connector) {
     return std::stoll(rows.at(0).at(1).value());
 }
 
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
 template <class Body>
 double nanosPerCall(Body body) {
     auto start = Clock::now();
@@ -105,8 +110,8 @@ double nanosPerCall(Body body) {
     return std::chrono::duration<double, std::nano>(Clock::now() - start).count() / kBlock;
 }
 
-// Blocks of the floor and of the library alternate, and the fastest block of each counts, so
-// that drift in the server's speed during the run enters both sides alike.
+// Short blocks of the floor and of the library alternate, and the median of the ratios of each
+// pair counts: a burst of other load on the machine spoils a pair or two, not the figure.
 void BM_lockRoundTrip(benchmark::State& state) {
     if (envText("DBNAME").empty() || envText("MYSQL_UNIX_PORT").empty()) {
         state.SkipWithError("no private server: eval \"$(scripts/mariadb env DIR)\" first");
@@ -123,18 +128,19 @@ void BM_lockRoundTrip(benchmark::State& state) {
     bare.roundTrip();
     long long preparedBefore = prepares(*connector);
     long long calls = 0;
-    double bestFloor = 1e18, bestLibrary = 1e18;
+    std::vector<double> ratios, floors, libraries;
     for (auto _ : state) {
         for (int block = 0; block < kBlocks; ++block) {
-            bestFloor = std::min(bestFloor, nanosPerCall([&] { bare.roundTrip(); }));
-            bestLibrary = std::min(bestLibrary, nanosPerCall(library));
+            floors.push_back(nanosPerCall([&] { bare.roundTrip(); }));
+            libraries.push_back(nanosPerCall(library));
+            ratios.push_back(libraries.back() / floors.back());
             calls += 2 * kBlock;
         }
     }
     long long prepared = prepares(*connector) - preparedBefore;
-    state.counters["floor_us"] = bestFloor / 1000;
-    state.counters["lock_us"] = bestLibrary / 1000;
-    state.counters["xFloor"] = bestLibrary / bestFloor;
+    state.counters["floor_us"] = median(floors) / 1000;
+    state.counters["lock_us"] = median(libraries) / 1000;
+    state.counters["xFloor"] = median(ratios);
     state.counters["preparesPer10k"] =
         10000.0 * static_cast<double>(prepared) / static_cast<double>(calls);
 }
