@@ -1,7 +1,6 @@
 #include "RefcountDBSql.h"
 
 #include <algorithm>
-#include <iterator>
 #include <mutex>
 #include <new>
 
@@ -220,7 +219,18 @@ int64_t RefcountDBSql::countEntry(const std::string& id, const std::string& type
 
 size_t RefcountDBSql::listEntries(const std::string& id, const std::string& type,
                                   std::list<std::string>& entries, std::string& text) {
-    size_t added = 0;
+    std::list<std::string> found = readReferrers(id, type);
+    if (type == kObjectFile && isObjectFileInDatabase(id))
+        found.push_back(std::string(kDatabase) + "=1");
+    text.clear();
+    for (const std::string& entry : found) text += (text.empty() ? "" : ", ") + entry;
+    size_t count = found.size();
+    entries.splice(entries.end(), found);
+    return count;
+}
+
+std::list<std::string> RefcountDBSql::readReferrers(const std::string& id,
+                                                    const std::string& type) {
     try {
         std::lock_guard<std::recursive_mutex> guard(connector().sql().mutex());
         char referrer[256];
@@ -232,25 +242,16 @@ size_t RefcountDBSql::listEntries(const std::string& id, const std::string& type
         bindings.bindResult(0, referrerColumn);
         bindings.bindResult(1, counterColumn);
         PSHandle handle = executeQuery(listReferrers_, bindings);
-        while (true) {
-            int status = handle.statement->fetch();
-            if (status != 0 && status != MYSQL_DATA_TRUNCATED) break;
+        std::list<std::string> found;
+        for (int status = handle.statement->fetch(); status == 0 || status == MYSQL_DATA_TRUNCATED;
+             status = handle.statement->fetch()) {
             size_t length = std::min<uint64_t>(referrerColumn.length(), sizeof referrer);
-            entries.push_back(std::string(referrer, length) + "=" + std::to_string(counter));
-            ++added;
+            found.push_back(std::string(referrer, length) + "=" + std::to_string(counter));
         }
+        return found;
     } catch (const std::bad_alloc&) {
         throw DBException("Not enough memory");
     }
-    if (type == kObjectFile && isObjectFileInDatabase(id)) {
-        entries.push_back(std::string(kDatabase) + "=1");
-        ++added;
-    }
-    text.clear();
-    auto it = entries.end();
-    std::advance(it, -static_cast<long>(added));
-    for (; it != entries.end(); ++it) text += (text.empty() ? "" : ", ") + *it;
-    return added;
 }
 
 }  // namespace db

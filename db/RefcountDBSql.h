@@ -43,6 +43,8 @@ class RefcountDBSql : public RefcountDB, public PSCache {
     bool hasRow(const PsQuery& query, std::initializer_list<const std::string*> params);
     // The single integer a query yields (0 for no row or NULL).
     int64_t fetchCount(const PsQuery& query, std::initializer_list<const std::string*> params);
+    // "REFERRER=COUNTER" for every row of the item in the reference table.
+    std::list<std::string> readReferrers(const std::string& id, const std::string& type);
 
     std::string refTable_;
     std::string objectTable_;
