@@ -126,10 +126,20 @@ public:
     uint32_t getOldestResources(kelp::db::DBConnector* connection, ResourceSet& result,
                                 KSNomoveHandler* nomove, uint32_t maxCount, ResourceSet* ownSet,
                                 const std::string& relativeDir, int depth);
+    // For emptying the mount: up to `maxCount` resources of any age, dirty ones included, found
+    // by visiting the hash directories of every level in random order and stopping once enough
+    // are found (so a call costs about maxCount stats however large the mount). Skips no-move
+    // names and the root "lost+found". Same results as getOldestResources.
     uint32_t getRandomResources(kelp::db::DBConnector* connection, ResourceSet& result,
                                 KSNomoveHandler* nomove, uint32_t maxCount);
-    // Walks the hashed tree from `resumeHash`, moving resources older than `moveTime`; fills
-    // `ageMap` (age in days -> amount of data). 0 done, 1/2 still too full, 3 stopped, -1 error.
+    // Walks the hash directories in byte order from `resumeHash` (wrapping round), moving every
+    // resource older than `moveTime` (and not dirty, not in use) to another mount until this
+    // one is below its clean limit. `resumeHash` becomes the hash directory in hand when the
+    // pass ends early and is cleared after a whole round. `ageMap` gets, per whole day of age,
+    // the estimated space (file-system fragments, as blocksToFree counts) of the resources
+    // that stay: their count times the mean size of a sample of them.
+    // 0 below the clean limit, 1 a whole round left it too full, 2 no target mount left,
+    // 3 stopped, -1 the mount cannot be read.
     int moveResourcesNewInner(kelp::db::DBConnector* connection, std::string& resumeHash,
                               unsigned moveTime, std::map<int, double>& ageMap);
 
