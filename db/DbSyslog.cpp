@@ -4,6 +4,8 @@
 
 #include <cstdarg>
 
+#include "KSLogger.h"
+
 namespace kelp {
 namespace db {
 
@@ -13,6 +15,8 @@ void dbSyslog(const char* ident, const char* format, ...) {
     openlog(ident, LOG_PID, LOG_LOCAL3);
     vsyslog(LOG_ERR | LOG_LOCAL3, format, args);
     closelog();
+    // closelog also dropped the repository side's identity and channel.
+    rh_logger.forgetOpenChannel();
     va_end(args);
 }
 

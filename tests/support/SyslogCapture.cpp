@@ -55,7 +55,15 @@ void openlog(const char* ident, int option, int facility) {
     ++r.openlogCalls;
 }
 
-void closelog(void) {}
+// As the C library does: after closelog, messages go out under the default identity
+// (recorded as ""), without options, to LOG_USER (8).
+void closelog(void) {
+    Record& r = record();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.ident.clear();
+    r.option = 0;
+    r.facility = 8;
+}
 
 void vsyslog(int priority, const char* format, va_list args) {
     recordMessage(priority, format, args);

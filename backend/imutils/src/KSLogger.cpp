@@ -10,8 +10,6 @@ KSLogger rh_logger("KSRepositoryHandler");
 
 namespace {
 
-constexpr int kNothingOpened = 2;
-
 const LOG_FACILITY kChannelOfMode[5] = {LOG_CHANNEL_OPERATOR, LOG_CHANNEL_OPERATOR,
                                         LOG_CHANNEL_ORDINARY, LOG_CHANNEL_ORDINARY,
                                         LOG_CHANNEL_ORDINARY};

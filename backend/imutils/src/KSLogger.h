@@ -47,10 +47,17 @@ class KSLogger {
     // The channel opened last, or 2 when nothing has been opened yet.
     int currentFacility() const { return currentFacility_.load(); }
 
+    // For code that opens syslog under another identity and closes it again (the database
+    // layer does, around each of its lines): the next message of this logger opens its channel
+    // anew instead of going out under the default identity.
+    void forgetOpenChannel() { currentFacility_.store(kNothingOpened); }
+
     // Maps an environment text such as "local3" to its syslog facility (LOG_LOCAL0 when unknown).
     static int facilityFromName(const char* name);
 
   private:
+    static constexpr int kNothingOpened = 2;
+
     // openlog keeps the pointer it is given, so the ident lives as long as the logger.
     std::unique_ptr<char[]> ident_;
     std::atomic<int> currentFacility_;
