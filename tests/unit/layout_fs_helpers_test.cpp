@@ -39,6 +39,24 @@ void setTimes(const std::string& path, time_t access, time_t modification) {
     ASSERT_EQ(utime(path.c_str(), &times), 0) << path;
 }
 
+// Makes `path` the working directory until the scope ends.
+class WorkingDirectory {
+  public:
+    explicit WorkingDirectory(const std::string& path) {
+        char buffer[4096];
+        saved_ = getcwd(buffer, sizeof(buffer)) ? buffer : "/";
+        EXPECT_EQ(chdir(path.c_str()), 0) << path;
+    }
+    ~WorkingDirectory() {
+        if (chdir(saved_.c_str()) != 0) ADD_FAILURE() << "cannot return to " << saved_;
+    }
+    WorkingDirectory(const WorkingDirectory&) = delete;
+    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
+
+  private:
+    std::string saved_;
+};
+
 struct stat statOf(const std::string& path) {
     struct stat st = {};
     stat(path.c_str(), &st);
@@ -119,6 +137,21 @@ TEST(LayoutFsHelpers, removeDirectoryDropsDanglingLegacyLinks) {
     EXPECT_EQ(removeDirectory(legacy.c_str(), mount.c_str(), "study1/"), 0);
     EXPECT_FALSE(isLink(tree.path("legacy/study1")));
     EXPECT_TRUE(present(tree.path("legacy")));
+
+    // Only links go: a plain file under the resource's legacy name is data, not a stale link.
+    const std::string plain = tree.write("legacy/study2", "keep");
+    createDirectory(nullptr, mount.c_str(), "study2/");
+    EXPECT_EQ(removeDirectory(legacy.c_str(), mount.c_str(), "study2/"), 0);
+    EXPECT_EQ(TempTree::read(plain), "keep");
+
+    // A legacy root without a slash names no directory; the working directory is not used.
+    const std::string cwdLink = tree.path("cwd/study3");
+    tree.mkdir("cwd");
+    symlink(tree.path("nowhere").c_str(), cwdLink.c_str());
+    createDirectory(nullptr, mount.c_str(), "study3/");
+    WorkingDirectory inside(tree.path("cwd"));
+    EXPECT_EQ(removeDirectory("legacy", mount.c_str(), "study3/"), 0);
+    EXPECT_TRUE(isLink(cwdLink));
 }
 
 TEST(LayoutFsHelpers, relativePathsWithDotComponentsAreRefused) {

@@ -133,6 +133,14 @@ int removeLevels(const std::string& mountBase, std::string path, AfterEach after
     }
 }
 
+// isDangling also holds for entries that are no link at all; of those, a plain file would be
+// unlinked, so only links are.
+void unlinkIfLink(std::string path) {
+    if (!path.empty() && path.back() == '/') path.pop_back();
+    struct stat st;
+    if (lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) unlink(path.c_str());
+}
+
 std::string cwdText(bool* ok) {
     char buffer[4096];
     *ok = getcwd(buffer, sizeof(buffer)) != nullptr;
@@ -495,12 +503,14 @@ int removeDirectory(const char* legacyRoot, const char* mountRoot, const char* r
     if (relPath == nullptr || !hasSlash(mountRoot)) return -1;
     if (refuseDotComponents("removeDirectory", relPath)) return -1;
     const std::string mountBase = baseDirOf(mountRoot);
-    const std::string legacyBase = hasSlash(legacyRoot) ? baseDirOf(legacyRoot) : std::string();
+    // A legacy root without a slash names no directory; joining it would land in the working
+    // directory.
+    const std::string legacyBase = baseDirOf(legacyRoot == nullptr ? "" : legacyRoot);
     std::string legacy = baseDirOf(relPath);
-    bool haveLegacy = legacyRoot != nullptr && !legacy.empty();
+    bool haveLegacy = !legacyBase.empty() && !legacy.empty();
     auto cleanLegacy = [&]() {
         while (haveLegacy && isDangling((legacyBase + legacy).c_str())) {
-            myunlink((legacyBase + legacy).c_str());
+            unlinkIfLink(legacyBase + legacy);
             char* parent = parentDir(legacy.c_str());
             if (parent == nullptr) {
                 haveLegacy = false;

@@ -48,6 +48,8 @@ void touchHashedDirs(const char* path);
 void clearEmptyHash(const char* path);
 
 // Relative paths with a "." or ".." component are refused (logged): create returns 1, remove -1.
+// removeDirectory unlinks only symbolic links on the legacy side (a plain file there is kept)
+// and does no legacy work when legacyRoot holds no slash.
 int createDirectory(const char* legacyRoot, const char* mountRoot, const char* relPath);
 int removeDirectory(const char* legacyRoot, const char* mountRoot, const char* relPath);
 int createDirectoryForFile(const char* mountRoot, const char* relFile);
