@@ -1,6 +1,7 @@
 // repoctl: the operator's command line over the repository library. Subcommands register
 // themselves (RepoctlCommand.h); this file dispatches to them and prints the help.
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -24,8 +25,12 @@ namespace {
 
 void printHelp(FILE* out) {
     fprintf(out, "usage: repoctl COMMAND [ARGUMENTS...]\n\ncommands:\n");
+    int width = 0;
     for (const RepoctlCommand& command : repoctlCommands()) {
-        fprintf(out, "  %-32s %s\n", command.usage, command.summary);
+        width = std::max(width, static_cast<int>(strlen(command.usage)));
+    }
+    for (const RepoctlCommand& command : repoctlCommands()) {
+        fprintf(out, "  %-*s  %s\n", width, command.usage, command.summary);
     }
 }
 

@@ -1,5 +1,6 @@
-// repoctl status and repoctl hash: the repository's mounts with their fill levels and status
-// bits, and the hashed location of resource names.
+// repoctl status, hash and giveback: the repository's mounts with their fill levels and status
+// bits, the hashed location of resource names, and giving back every mount taken out of
+// service (repositorypart.no renamed back to repositorypart.cfg).
 
 #include <sys/stat.h>
 
@@ -110,10 +111,30 @@ int runHash(int argc, char** argv) {
     return result;
 }
 
+// repoctl giveback REPO
+int runGiveBack(int argc, char** argv) {
+    if (argc != 2) return repoctlUsage(argv[0]);
+    if (!isDirectory(argv[1])) {
+        fprintf(stderr, "repoctl giveback: no repository directory \"%s\"\n", argv[1]);
+        return 1;
+    }
+    std::shared_ptr<KSRepositoryHandler> repo = getRepository(nullptr, argv[1], true);
+    const int given = repo->giveBackMounts();
+    if (given < 0) {
+        fprintf(stderr, "repoctl giveback: a mount could not be given back\n");
+        return 1;
+    }
+    printf("gave back %d mount%s\n", given, given == 1 ? "" : "s");
+    return 0;
+}
+
 RepoctlRegistrar statusCommand("status", "status REPO...",
                                "show the mounts, fill levels and status of repositories",
                                &runStatus);
 RepoctlRegistrar hashCommand("hash", "hash NAME...",
                              "print the hashed location of each resource name", &runHash);
+
+RepoctlRegistrar giveBackCommand("giveback", "giveback REPO", "give back every mount taken out",
+                                 &runGiveBack);
 
 }  // namespace

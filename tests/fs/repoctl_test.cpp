@@ -105,3 +105,26 @@ TEST(RepoctlTest, helpListsTheRegisteredCommands) {
     EXPECT_TRUE(contains(run.output, "  status REPO...")) << run.output;
     EXPECT_TRUE(contains(run.output, "  hash NAME...")) << run.output;
 }
+
+TEST(RepoctlTest, givebackRestoresTheMountsTakenOut) {
+    ScratchRepository repo;
+    repo.addMount("p1");
+    repo.addMount("p2");
+    repo.addMount("p3");
+    repo.writeConfig({{"isShared", "false"}});
+    for (int i : {0, 2}) {
+        const std::string mount = repo.mountPath(i);
+        ASSERT_EQ(
+            rename((mount + "/repositorypart.cfg").c_str(), (mount + "/repositorypart.no").c_str()),
+            0);
+    }
+    CommandResult run = repoctl("giveback " + repo.path());
+    EXPECT_EQ(run.code, 0);
+    EXPECT_EQ(run.output, "gave back 2 mounts\n");
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(access((repo.mountPath(i) + "/repositorypart.cfg").c_str(), F_OK), 0) << i;
+    }
+    run = repoctl("giveback /nonexistent/repository");
+    EXPECT_EQ(run.code, 1);
+    EXPECT_EQ(repoctl("giveback").code, 2);
+}
