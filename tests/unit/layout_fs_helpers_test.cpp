@@ -15,6 +15,7 @@
 #include "KSPathUtils.h"
 #include "SyslogCapture.h"
 #include "TempTree.h"
+#include "WorkingDirectory.h"
 #include "repohandler.h"
 
 namespace {
@@ -38,24 +39,6 @@ void setTimes(const std::string& path, time_t access, time_t modification) {
     struct utimbuf times = {access, modification};
     ASSERT_EQ(utime(path.c_str(), &times), 0) << path;
 }
-
-// Makes `path` the working directory until the scope ends.
-class WorkingDirectory {
-  public:
-    explicit WorkingDirectory(const std::string& path) {
-        char buffer[4096];
-        saved_ = getcwd(buffer, sizeof(buffer)) ? buffer : "/";
-        EXPECT_EQ(chdir(path.c_str()), 0) << path;
-    }
-    ~WorkingDirectory() {
-        if (chdir(saved_.c_str()) != 0) ADD_FAILURE() << "cannot return to " << saved_;
-    }
-    WorkingDirectory(const WorkingDirectory&) = delete;
-    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
-
-  private:
-    std::string saved_;
-};
 
 struct stat statOf(const std::string& path) {
     struct stat st = {};

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "KSPathUtils.h"
+#include "WorkingDirectory.h"
 #include "repohandler.h"
 
 namespace {
@@ -159,6 +160,10 @@ TEST(LayoutHash, normalizeFileNameResolvesDotsLexically) {
     EXPECT_EQ(normalized("rel/x"), cwd() + "/rel/x");
     EXPECT_EQ(normalized(""), cwd());
     EXPECT_EQ(normalized(nullptr), "<null>");
+
+    WorkingDirectory root("/");
+    EXPECT_EQ(normalized("rel/x"), "/rel/x") << "no doubled slash below the root";
+    EXPECT_EQ(normalized(""), "/");
 }
 
 TEST(LayoutHash, toResourceIdReplacesSlashesInBothParts) {

@@ -229,34 +229,29 @@ bool isSafeResourceName(const char* resource) {
 
 char* normalize_file_name(const char* path) {
     if (path == nullptr) return nullptr;
-    bool ok = true;
-    std::string start;
-    if (path[0] != '/') {
-        start = cwdText(&ok);
-        if (!ok) return nullptr;
-    }
-    if (path[0] == '\0' && start.empty()) start = "/";
     std::string result;
-    if (path[0] == '\0') {
-        result = start;
-    } else {
-        result = start;
-        const char* begin = path;
-        for (const char* p = path;; ++p) {
-            if (*p != '/' && *p != '\0') continue;
-            const std::string component(begin, static_cast<size_t>(p - begin));
-            if (component == "..") {
-                const size_t slash = result.rfind('/');
-                if (slash != std::string::npos) result.resize(slash);
-            } else if (!component.empty() && component != ".") {
-                result += "/";
-                result += component;
-            }
-            if (*p == '\0') break;
-            begin = p + 1;
-        }
-        if (result.empty()) result = "/";
+    if (path[0] != '/') {
+        bool ok = true;
+        result = cwdText(&ok);
+        if (!ok) return nullptr;
+        // Components are appended after a slash, so the root starts empty ("/a", not "//a").
+        if (result == "/") result.clear();
     }
+    const char* begin = path;
+    for (const char* p = path;; ++p) {
+        if (*p != '/' && *p != '\0') continue;
+        const std::string component(begin, static_cast<size_t>(p - begin));
+        if (component == "..") {
+            const size_t slash = result.rfind('/');
+            if (slash != std::string::npos) result.resize(slash);
+        } else if (!component.empty() && component != ".") {
+            result += "/";
+            result += component;
+        }
+        if (*p == '\0') break;
+        begin = p + 1;
+    }
+    if (result.empty()) result = "/";
     char* out = static_cast<char*>(malloc(result.size() + 1));
     if (out == nullptr) return nullptr;
     memcpy(out, result.c_str(), result.size() + 1);

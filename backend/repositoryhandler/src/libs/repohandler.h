@@ -105,6 +105,9 @@ RH_EXPORT int removeHashDirectory(const char* legacyRoot, const char* mountRoot,
                                   const char* relPath);
 RH_EXPORT int createHashDirectoryForFile(const char* mountRoot, const char* relFile);
 RH_EXPORT int removeHashDirectoryForFile(const char* mountRoot, const char* relFile);
+// Lexical absolute form of path (no link is resolved); relative paths start from the working
+// directory, and from the root without a doubled slash. malloc'ed; null when path is null or
+// the working directory cannot be read.
 RH_EXPORT char* normalize_file_name(const char* path);
 
 }  // extern "C"
