@@ -46,6 +46,7 @@ TEST(MountFunctionsTest, execReturnsTheWholeOutputOfLongLines) {
     const std::string line(1000, 'z');
     EXPECT_EQ(exec(("printf '%s' " + line).c_str()), line);
     EXPECT_EQ(exec("true"), "");
+    EXPECT_EQ(exec("printf 'a\\000b'"), std::string("a\0b", 3)) << "bytes after a NUL stay";
 }
 
 TEST(MountFunctionsTest, aMountClaimsEveryPathItsPathIsATextualPrefixOf) {

@@ -391,7 +391,8 @@ std::string exec(const char* command) {
     std::unique_ptr<FILE, PipeCloser> pipe(popen(command, "r"));
     if (!pipe) throw std::runtime_error("popen() failed!");
     std::string output;
-    char piece[128];
-    while (fgets(piece, sizeof piece, pipe.get()) != nullptr) output += piece;
+    char piece[127];
+    size_t length;
+    while ((length = fread(piece, 1, sizeof piece, pipe.get())) > 0) output.append(piece, length);
     return output;
 }

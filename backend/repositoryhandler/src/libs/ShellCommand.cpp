@@ -1,9 +1,10 @@
 #include "ShellCommand.h"
 
-#include <cstdio>
 #include <cstdlib>
+#include <stdexcept>
 
 #include "KSLogger.h"
+#include "KSMountPointHandler.h"
 
 ShellCommand& ShellCommand::raw(const std::string& trusted) {
     if (!refused_) text_ += trusted;
@@ -48,16 +49,11 @@ int ShellCommand::run() const {
 }
 
 std::string ShellCommand::capture() const {
-    std::string output;
-    if (refused_) return output;
-    FILE* pipe = popen(text_.c_str(), "r");
-    if (pipe == nullptr) {
+    if (refused_) return std::string();
+    try {
+        return exec(text_.c_str());
+    } catch (const std::runtime_error&) {
         rh_logger.errorLog("Command could not be started: %s", text_.c_str());
-        return output;
+        return std::string();
     }
-    char buffer[128];
-    size_t length;
-    while ((length = fread(buffer, 1, sizeof(buffer), pipe)) > 0) output.append(buffer, length);
-    pclose(pipe);
-    return output;
 }
