@@ -18,6 +18,14 @@ TEST(KSTimeTest, mymemcmpComparesOnlyEqualLengths) {
     EXPECT_GT(mymemcmp("abd", 3, "abc", 3), 0);
 }
 
+TEST(KSTimeTest, roundUpToReachesTheNextMultipleAndAZeroStepKeepsTheValue) {
+    EXPECT_EQ(roundUpTo(0, 4096), 0u);
+    EXPECT_EQ(roundUpTo(1, 4096), 4096u);
+    EXPECT_EQ(roundUpTo(4096, 4096), 4096u);
+    EXPECT_EQ(roundUpTo(4097, 4096), 8192u);
+    EXPECT_EQ(roundUpTo(7, 0), 7u);
+}
+
 TEST(KSTimeTest, sleepsLastAtLeastTheirDurationOnTheMonotonicClock) {
     int64_t start = nanoTime();
     mymilisleep(1020);

@@ -49,6 +49,7 @@ pid_t mygettid() {
 }
 
 uint64_t roundUpTo(uint64_t v, uint64_t m) {
+    if (m == 0) return v;
     return ((v + m - 1) / m) * m;
 }
 

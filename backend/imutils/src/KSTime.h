@@ -22,7 +22,7 @@ void mymilisleep(long ms);
 // The kernel thread id of the calling thread.
 pid_t mygettid();
 
-// v rounded up to the next multiple of m (m must not be 0): ((v + m - 1) / m) * m.
+// v rounded up to the next multiple of m: ((v + m - 1) / m) * m. A zero m gives v unchanged.
 uint64_t roundUpTo(uint64_t v, uint64_t m);
 
 // memcmp of a and b when alen == blen; otherwise -255 without reading either buffer (a fixed
