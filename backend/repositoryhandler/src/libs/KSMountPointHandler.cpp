@@ -359,7 +359,8 @@ std::string getMountpoint(const char* path, struct mntent* entry, char* buffer,
     const std::string target = path;
     std::string best;
     long bestIndex = -1;
-    std::vector<char> scratch(4096);
+    // Overlay mounts carry long option lists; a line cut short would be read as two entries.
+    std::vector<char> scratch(65536);
     struct mntent current;
     {
         std::unique_ptr<FILE, FileCloser> mounts(setmntent("/proc/mounts", "r"));

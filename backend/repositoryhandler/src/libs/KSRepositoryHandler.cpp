@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <regex>
+#include <system_error>
 #include <thread>
 
 #include "DBConnector.h"
@@ -291,11 +292,18 @@ void KSRepositoryHandler::parallelRun(MountList& mounts, int threads,
         return;
     }
     std::vector<std::thread> workers;
+    std::vector<int> notStarted;
     workers.reserve(n - 1);
     for (int i = 1; i < n; ++i) {
-        workers.emplace_back(runInThread, std::ref(mounts), i, n, std::cref(operation));
+        try {
+            workers.emplace_back(runInThread, std::ref(mounts), i, n, std::cref(operation));
+        } catch (const std::system_error&) {
+            // Out of threads: this thread takes over that share rather than skipping mounts.
+            notStarted.push_back(i);
+        }
     }
     runInThread(mounts, 0, n, operation);
+    for (int i : notStarted) runInThread(mounts, i, n, operation);
     for (auto& worker : workers) worker.join();
 }
 
