@@ -12,23 +12,21 @@ ShellCommand& ShellCommand::raw(const std::string& trusted) {
 }
 
 ShellCommand& ShellCommand::insideSingleQuotes(const std::string& value) {
-    if (refused_) return *this;
-    if (value.find('\0') != std::string::npos) {
-        refuse(value, "holds a NUL byte");
-    } else if (value.find('\'') != std::string::npos) {
-        refuse(value, "holds a single quote");
-    } else {
-        text_ += value;
-    }
-    return *this;
+    return appendInside(value, "'", "holds a single quote");
 }
 
 ShellCommand& ShellCommand::insideDoubleQuotes(const std::string& value) {
+    return appendInside(value, "\"$`\\",
+                        "holds a double quote, a dollar sign, a backquote or a backslash");
+}
+
+ShellCommand& ShellCommand::appendInside(const std::string& value, const char* leaving,
+                                         const char* why) {
     if (refused_) return *this;
     if (value.find('\0') != std::string::npos) {
         refuse(value, "holds a NUL byte");
-    } else if (value.find_first_of("\"$`\\") != std::string::npos) {
-        refuse(value, "holds a double quote, a dollar sign, a backquote or a backslash");
+    } else if (value.find_first_of(leaving) != std::string::npos) {
+        refuse(value, why);
     } else {
         text_ += value;
     }

@@ -34,6 +34,9 @@ public:
     std::string capture() const;
 
 private:
+    // Appends value unless it holds a NUL or one of the characters `leaving` (which would end
+    // its quotes); otherwise refuses the command for the reason `why`.
+    ShellCommand& appendInside(const std::string& value, const char* leaving, const char* why);
     void refuse(const std::string& value, const char* why);
 
     std::string text_;
