@@ -186,6 +186,11 @@ TEST(SemaphoreTest, growingStepsStartAtHalfTheInitialDelayAndStopGrowingAtTheMax
     EXPECT_TRUE(semaphore.lock_ms(0, 10, 2, 50, 0));
     std::vector<long long> expected = {5, 10, 20, 40, 50, 50, 50, 50};
     EXPECT_EQ(expected, semaphore.steps());
+
+    CountingSemaphore large(3);
+    EXPECT_TRUE(large.lock_ms(0, 400, 2, 50, 0));
+    EXPECT_EQ((std::vector<long long>{200, 50, 50}), large.steps())
+        << "a first step above the maximum is followed by steps held at the maximum";
 }
 
 TEST(SemaphoreTest, lastStepIsCutToTheRemainingBudgetAndThenTheWaitTimesOut) {

@@ -88,6 +88,7 @@ bool KSSemaphore::lock_ms(int timeoutMs, float initialDelay, float growth, float
     const bool budgeted = timeoutMs > 0;
     long remaining = timeoutMs;
     double delay = initialDelay / 2.0;
+    bool capped = false;
     for (;;) {
         if (budgeted && remaining <= 0) throw KSTimeoutException(1, "Semaphore timed out");
         // Whole milliseconds, at least one, so the steps add up to the budget exactly and a
@@ -96,7 +97,11 @@ bool KSSemaphore::lock_ms(int timeoutMs, float initialDelay, float growth, float
         if (budgeted && step >= remaining) step = remaining;
         remaining -= step;
         KSClock::sleepMillis(step);
-        if (delay < maxDelay) delay = std::min<double>(delay * growth, maxDelay);
+        if (!capped) {
+            delay *= growth;
+            capped = delay > maxDelay;
+            if (capped) delay = maxDelay;
+        }
         if (lockResource()) return true;
     }
 }

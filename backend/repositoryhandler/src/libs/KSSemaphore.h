@@ -18,7 +18,10 @@ public:
     virtual bool lockResource();
     // Random steps of 10..989 ms for at most `seconds` (0: for ever); KSTimeoutException after.
     bool lock(int seconds);
-    // Growing, jittered steps within `timeoutMs`; KSTimeoutException when the budget is spent.
+    // Growing, jittered steps within `timeoutMs` (0: no budget); KSTimeoutException when the
+    // budget is spent. The first step is about initialDelay / 2; each step grows by `growth`
+    // until it passes `maxDelay`, then stays at `maxDelay`. Steps are whole milliseconds, at
+    // least 1, so they add up to the budget exactly and never spin.
     bool lock_ms(int timeoutMs, float initialDelay, float growth, float maxDelay, float jitter);
     // Releases the lock if this object holds it; KSIOException when that fails.
     virtual void unlock();
