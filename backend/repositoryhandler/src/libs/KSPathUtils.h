@@ -35,6 +35,8 @@ bool isNotLink(const char* path);
 bool isDangling(const char* path);
 void mylink(const char* legacyRoot, const char* mountRoot, const char* relPath);
 int myunlink(const char* path);
+// Creates path and its missing ancestors: 0, or -1 when an ancestor cannot be made (or path is
+// null or empty). A level that another process makes at the same moment counts as made.
 int mkdirs(const char* path, mode_t mode);
 int myStat(const char* path, struct stat* out);  // 0 or 8; null arguments throw
 int isDir(const char* path, bool* isDirectory, struct stat* known);
@@ -42,14 +44,17 @@ time_t lastAccess(const char* path, struct stat* known);
 time_t lastModified(const char* path);
 time_t lastModified2(const char* path);
 long getSize(const char* path, struct stat* known);
-int listDir(const char* path, std::list<std::string>* names, bool plainOpen,
-            bool skipDirectories);
+// Appends the entries of path to names; the size of names afterwards (0 when names is null).
+// Without plainOpen the scan keeps access times (O_NOATIME), except in directories of others,
+// where the kernel refuses that flag to an unprivileged caller and a plain open is used.
+int listDir(const char* path, std::list<std::string>* names, bool plainOpen, bool skipDirectories);
 void touchHashedDirs(const char* path);
 void clearEmptyHash(const char* path);
 
 // Relative paths with a "." or ".." component are refused (logged): create returns 1, remove -1.
 // removeDirectory unlinks only symbolic links on the legacy side (a plain file there is kept)
-// and does no legacy work when legacyRoot holds no slash.
+// and does no legacy work when legacyRoot holds no slash. The removals answer -1 for a mount
+// root without a slash, as for a first level that cannot be removed.
 int createDirectory(const char* legacyRoot, const char* mountRoot, const char* relPath);
 int removeDirectory(const char* legacyRoot, const char* mountRoot, const char* relPath);
 int createDirectoryForFile(const char* mountRoot, const char* relFile);

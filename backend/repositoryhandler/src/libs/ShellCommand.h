@@ -9,7 +9,7 @@
 #include <string>
 
 class ShellCommand {
-public:
+  public:
     // Raw status that a refused command reports (as a shell reports a command it cannot run).
     static constexpr int kRefusedStatus = 127 << 8;
 
@@ -33,7 +33,7 @@ public:
     // popen(): the command's whole standard output; empty when refused.
     std::string capture() const;
 
-private:
+  private:
     // Appends value unless it holds a NUL or one of the characters `leaving` (which would end
     // its quotes); otherwise refuses the command for the reason `why`.
     ShellCommand& appendInside(const std::string& value, const char* leaving, const char* why);
