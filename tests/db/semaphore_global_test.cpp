@@ -76,13 +76,22 @@ TEST_F(GlobalSemaphoreTest, secondConnectorIsRefusedWhileTheFirstHoldsTheRow) {
     EXPECT_EQ(0, rowsOf(lockId_));
 }
 
-TEST_F(GlobalSemaphoreTest, semaphoreWithoutConnectorMakesItsOwnAndReleasesOnDestruction) {
+TEST_F(GlobalSemaphoreTest, semaphoreWithoutConnectorMakesItsOwnToLockAndToRelease) {
     admin();
     {
         KSSemaphoreGlobal semaphore(lockId_, nullptr);
         ASSERT_TRUE(semaphore.lockResource());
         EXPECT_EQ(1, rowsOf(lockId_));
     }
+    EXPECT_EQ(0, rowsOf(lockId_));
+
+    auto connector = newConnector();
+    KSSemaphoreGlobal holder(lockId_, connector.get());
+    ASSERT_TRUE(holder.lockResource());
+    holder.setReleaseOnDestruction(false);
+    KSSemaphoreGlobal releaser(lockId_, nullptr);
+    releaser.setLocked(true);  // as an explicit unlock does for a lock taken elsewhere
+    releaser.unlock();
     EXPECT_EQ(0, rowsOf(lockId_));
 }
 

@@ -24,22 +24,27 @@ KSSemaphoreGlobal::~KSSemaphoreGlobal() {
 // The unique key on the lock id makes exactly one of several concurrent inserts succeed, so the
 // insert itself is the atomic test-and-set; a busy lock answers false at once.
 bool KSSemaphoreGlobal::lockResource() {
-    if (connector_ == nullptr) {
-        try {
-            ownConnector_.reset(kelp::db::DBConnector::createConnector(false));
-        } catch (const std::exception&) {
-            ownConnector_.reset();
-        }
-        if (!ownConnector_)
-            throw KSException("KSSemaphoreGlobal::lockResource : connector could not be created");
-        connector_ = ownConnector_.get();
-    }
-    locked_ = connector_->lockDB()->lockFirstTime(name_, name_, "SEM", 0);
+    locked_ = connector()->lockDB()->lockFirstTime(name_, name_, "SEM", 0);
     return locked_;
 }
 
 void KSSemaphoreGlobal::unlock() {
     if (!locked_) return;
     locked_ = false;
-    connector_->lockDB()->releaseLock(name_);
+    connector()->lockDB()->releaseLock(name_);
+}
+
+// An explicit unlock marks a fresh object as holding a lock that another took, so releasing
+// may be the first use of the database, just as locking is.
+kelp::db::DBConnector* KSSemaphoreGlobal::connector() {
+    if (connector_ != nullptr) return connector_;
+    try {
+        ownConnector_.reset(kelp::db::DBConnector::createConnector(false));
+    } catch (const std::exception&) {
+        ownConnector_.reset();
+    }
+    if (!ownConnector_)
+        throw KSException("KSSemaphoreGlobal::lockResource : connector could not be created");
+    connector_ = ownConnector_.get();
+    return connector_;
 }
