@@ -45,11 +45,14 @@ TEST(ResourceDeleter, linksAreRemovedButWhatTheyPointAtSurvives) {
     symlink(tree.path("outside/keep").c_str(), tree.path("m/study1/dirlink").c_str());
     symlink(outsideFile.c_str(), tree.path("m/study1/filelink").c_str());
     symlink(tree.path("outside/keep").c_str(), tree.path("m/toplink").c_str());
+    symlink(tree.path("outside/keep").c_str(), tree.path("m/slashlink").c_str());
 
     EXPECT_EQ(remove(tree.path("m/study1")), 0);
     EXPECT_EQ(remove(tree.path("m/toplink")), 0);
+    EXPECT_EQ(remove(tree.path("m/slashlink") + "//"), 0) << "a trailing slash must not enter it";
     EXPECT_FALSE(linkPresent(tree.path("m/study1")));
     EXPECT_FALSE(linkPresent(tree.path("m/toplink")));
+    EXPECT_FALSE(linkPresent(tree.path("m/slashlink")));
     EXPECT_EQ(TempTree::read(outsideFile), "precious");
 }
 

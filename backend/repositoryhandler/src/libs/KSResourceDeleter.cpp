@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <list>
+#include <string>
 
 #include "KSLogger.h"
 #include "KSPathUtils.h"
@@ -25,7 +26,12 @@ int removeOne(const char* path, bool isDirectory) {
 
 int deleteRes(const char* path, const std::string& callback, const char* shortName,
               const char* repositoryName) {
-    if (path == nullptr || path[0] == '\0') return RESOURCE_STATUS_ERRONEOUS;
+    // lstat would follow a link named with a trailing slash, so the slashes go; the root, all
+    // slashes, is left empty and refused.
+    std::string own = path == nullptr ? std::string() : std::string(path);
+    while (!own.empty() && own.back() == '/') own.pop_back();
+    if (own.empty()) return RESOURCE_STATUS_ERRONEOUS;
+    path = own.c_str();
     struct stat st;
     // lstat, so that a link is removed itself and its target is never entered.
     if (lstat(path, &st) != 0) return errno == ENOENT ? 0 : RESOURCE_STATUS_ERRONEOUS;
