@@ -18,6 +18,7 @@
 #include "KSAssertionException.h"
 #include "KSClock.h"
 #include "KSDirtyFlagHandler.h"
+#include "KSNomoveHandler.h"
 #include "KSPathUtils.h"
 #include "ScopedEnv.h"
 #include "SyslogCapture.h"
@@ -250,4 +251,16 @@ TEST_F(DirtyFlagsTest, badArgumentsAreRefusedWithoutTouchingTheFile) {
     flags.setDirty(nullptr, "a\nb", true);
     EXPECT_FALSE(fs::exists(dirtyFile_));
     EXPECT_EQ(1, syslog.countContaining("contains a line feed"));
+}
+
+TEST(NomoveTest, noMoveSetFollowsEachChangeAndRefusesANullName) {
+    KSNomoveHandler nomove;
+    nomove.setNomove("a", true);
+    nomove.setNomove("a", true);
+    EXPECT_TRUE(nomove.isNomove("a"));
+    EXPECT_FALSE(nomove.isNomove("b"));
+    nomove.setNomove("a", false);
+    EXPECT_FALSE(nomove.isNomove("a"));
+    EXPECT_THROW(nomove.isNomove(nullptr), KSAssertionException);
+    EXPECT_THROW(nomove.setNomove(nullptr, true), KSAssertionException);
 }
