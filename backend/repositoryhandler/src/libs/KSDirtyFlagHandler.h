@@ -30,11 +30,20 @@ class KSDirtyFlagHandler {
     void setRepository(kelp::db::DBConnector* connection, const char* repository,
                        bool semaphoreType);
     // With `cached`, a file checked within the last 60 seconds is not looked at again.
+    // A null resource throws KSAssertionException.
     bool isDirty(kelp::db::DBConnector* connection, const char* resource, bool cached);
-    // Writes the file only when the membership changes.
+    // Writes the file only when the membership changes. Under the file lock the file is read
+    // again first when another process changed it since this one last looked, so that process's
+    // entries are kept. A null resource throws KSAssertionException; a name with a line feed
+    // (which the one-name-a-line file cannot hold) is refused with an error log line.
+    // When the file lock cannot be taken (logged), the change stays in this process's memory.
     void setDirty(kelp::db::DBConnector* connection, const char* resource, bool dirty);
+    // Empties the set and writes the empty file (created if it was missing).
     void clearDirtySet(kelp::db::DBConnector* connection);
+    // Re-reads the file under its lock when its modification time differs from the one
+    // remembered; a missing file empties the set, a file that cannot be stat-ed keeps it.
     void checkAndReadSetFile(kelp::db::DBConnector* connection);
+    // Writes the whole set under the file lock; a write error is logged.
     void writeSetFile(kelp::db::DBConnector* connection);
 
     const std::string& filePath() const { return filePath_; }
