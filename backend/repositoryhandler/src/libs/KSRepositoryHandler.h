@@ -223,9 +223,17 @@ public:
 
     // ---- locks and dirty flags (KSRepositoryLocks.cpp) -----------------------------------
 
+    // Takes the lock of toResourceID(path, resource) (a lock row for shared repositories, a
+    // lock file otherwise) and keeps it after the call: 1, or 0 after waiting up to 30 seconds
+    // (logged). Slashes in the name are flattened in the identity, so any name is safe here.
+    // A null resource throws KSAssertionException.
     int lockResource(kelp::db::DBConnector* connection, const char* resource);
+    // Gives that lock back whoever took it: 1, or 0 when the release fails (logged), e.g. when
+    // no lock file is there. A null resource throws KSAssertionException.
     int unlockResource(kelp::db::DBConnector* connection, const char* resource);
+    // 1 when the resource is in the dirty set as the .dirty file holds it now, else 0.
     int isDirty(kelp::db::DBConnector* connection, const char* resource);
+    // Adds the resource to the dirty set or removes it (see KSDirtyFlagHandler::setDirty).
     void setDirty(kelp::db::DBConnector* connection, const char* resource, bool dirty);
 
     // ---- capacity management --------------------------------------------------------------
