@@ -7,7 +7,7 @@
 #include <string>
 
 class KSSemaphore {
-public:
+  public:
     explicit KSSemaphore(const std::string& name);
     // Releases a held lock when release-on-destruction is set; never throws.
     virtual ~KSSemaphore();
@@ -31,7 +31,7 @@ public:
     void setLocked(bool locked) { locked_ = locked; }
     void setReleaseOnDestruction(bool release) { releaseOnDestruction_ = release; }
 
-protected:
+  protected:
     std::string name_;
     std::string lockDirectory_;
     bool locked_ = false;

@@ -15,17 +15,21 @@ class DBConnector;
 }  // namespace kelp
 
 class SmartSemaphore {
-public:
+  public:
     // A null name creates no semaphore: lock() then fails.
     SmartSemaphore(bool global, const char* name, kelp::db::DBConnector* connector);
     ~SmartSemaphore();
     SmartSemaphore(const SmartSemaphore&) = delete;
     SmartSemaphore& operator=(const SmartSemaphore&) = delete;
 
+    // false when the lock was not obtained within 30 seconds or the attempt failed (logged).
     bool lock();
+    // Releases a held lock; the semaphore's exception (KSIOException, or a database error for a
+    // global one) passes to the caller.
     void unlock();
+    // The semaphore, or null when the name was null. Owned by this object.
     KSSemaphore* semaphore() { return semaphore_.get(); }
 
-private:
+  private:
     std::unique_ptr<KSSemaphore> semaphore_;
 };
