@@ -78,6 +78,18 @@ TEST(ResourceMover, anIdenticalDestinationCountsAsMovedAndTheOriginGoes) {
     EXPECT_EQ(TempTree::read(tree.path("m2/study1/sub/b")), "also same");
 }
 
+TEST(ResourceMover, aDestinationThatIsTheOriginItselfLeavesEverythingInPlace) {
+    TempTree tree;
+    tree.write("m1/study1/a", "alpha");
+    tree.write("m1/study1/sub/b", "beta");
+    symlink(tree.path("m1").c_str(), tree.path("alias").c_str());  // one mount listed twice
+    SyslogCapture log;
+    EXPECT_EQ(move(tree.path("m1/study1"), tree.path("alias/study1")), 0);
+    EXPECT_EQ(TempTree::read(tree.path("m1/study1/a")), "alpha");
+    EXPECT_EQ(TempTree::read(tree.path("m1/study1/sub/b")), "beta");
+    EXPECT_EQ(log.countContaining("are the same directory"), 1);
+}
+
 TEST(ResourceMover, aPartialDestinationIsCompletedFromTheOrigin) {
     TempTree tree;
     tree.write("m1/study1/a", "alpha");

@@ -49,6 +49,15 @@ void restoreTimes(const char* path, const struct stat& kept) {
     utime(path, &times);
 }
 
+// True when destination names the very directory `origin` (one mount reached under two
+// paths): moving entry by entry would then remove every file as "already at the destination".
+// Directories cannot be hard-linked, so equal device and inode numbers mean the same directory.
+bool isSameDirectory(const struct stat& origin, const char* destination) {
+    struct stat st;
+    return S_ISDIR(origin.st_mode) && stat(destination, &st) == 0 && st.st_dev == origin.st_dev &&
+           st.st_ino == origin.st_ino;
+}
+
 // Destination exists and origin is a plain file: drop the origin only when both are equal.
 int moveOntoExistingFile(const char* origin, const char* destination, bool verbose) {
     if (compareTrees(origin, destination) != 0) {
@@ -96,6 +105,11 @@ int moveRes(KSRepositoryHandler* repository, const char* origin, const char* des
     KS_ASSERT_NOT_NULL(destination, kAssertFile);
     struct stat kept = {};
     stat(origin, &kept);
+    if (isSameDirectory(kept, destination)) {
+        rh_logger.errorLog("The resource \"%s\" and \"%s\" are the same directory; it stays.",
+                           origin, destination);
+        return 0;
+    }
 
     if (!exists(destination)) {
         const int result = mountRename(origin, destination, copy, copyParams);
