@@ -4,16 +4,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
 
+#include "ChildProcess.h"
 #include "ClockControl.h"
 #include "KSAssertionException.h"
 #include "KSClock.h"
@@ -22,45 +20,25 @@
 #include "KSPathUtils.h"
 #include "ScopedEnv.h"
 #include "SyslogCapture.h"
+#include "TempTree.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-class TempDir {
-  public:
-    TempDir() {
-        char pattern[] = "/tmp/dirty_flags_test.XXXXXX";
-        path_ = mkdtemp(pattern);
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
-
 // A repository directory and a lock directory of its own for each test.
 class DirtyFlagsTest : public ::testing::Test {
   protected:
     DirtyFlagsTest()
-        : repository_(dir_.path() + "/repo"),
-          locks_(dir_.path() + "/locks"),
-          lockVar_("LOCK_VAR", (dir_.path() + "/locks").c_str()) {
+        : repository_(dir_.root() + "/repo"),
+          locks_(dir_.root() + "/locks"),
+          lockVar_("LOCK_VAR", (dir_.root() + "/locks").c_str()) {
         fs::create_directory(repository_);
         fs::create_directory(locks_);
         dirtyFile_ = repository_ + "/.dirty";
     }
 
-    std::string readFile() const {
-        std::ifstream in(dirtyFile_, std::ios::binary);
-        std::stringstream content;
-        content << in.rdbuf();
-        return content.str();
-    }
+    std::string readFile() const { return TempTree::read(dirtyFile_); }
 
     // Rewrites the file as another writer would, with a modification time of its own so the
     // change is visible however coarse the file system's clock is.
@@ -76,23 +54,16 @@ class DirtyFlagsTest : public ::testing::Test {
         return locks_ + "/semaphore_" + id.get();
     }
 
-    TempDir dir_;
+    TempTree dir_;
     std::string repository_;
     std::string locks_;
     ScopedEnv lockVar_;
     std::string dirtyFile_;
 };
 
-int waitForChild(pid_t pid) {
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 }  // namespace
 
-TEST_F(DirtyFlagsTest, withoutAFileEveryResourceIsCleanAndClearingWritesNothing) {
+TEST_F(DirtyFlagsTest, withoutAFileEveryResourceIsCleanAndCleaningOneWritesNothing) {
     KSDirtyFlagHandler flags;
     flags.setRepository(nullptr, repository_.c_str(), false);
     EXPECT_EQ(fs::canonical(repository_).string() + "/.dirty", flags.filePath());
@@ -158,19 +129,14 @@ TEST_F(DirtyFlagsTest, fileRewrittenByAnotherProcessIsSeenByTheNextUncachedQuery
     flags.setRepository(nullptr, repository_.c_str(), false);
     flags.setDirty(nullptr, "a", true);
 
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        int code = 0;
-        {
-            KSDirtyFlagHandler other;
-            other.setRepository(nullptr, repository_.c_str(), false);
-            code = other.isDirty(nullptr, "a", false) ? 0 : 1;
-            other.setDirty(nullptr, "b", true);
-        }
-        _exit(code);
-    }
-    EXPECT_EQ(0, waitForChild(pid)) << "the other process did not see this one's entry";
+    EXPECT_EQ(0, runInChild([&] {
+                  KSDirtyFlagHandler other;
+                  other.setRepository(nullptr, repository_.c_str(), false);
+                  const int code = other.isDirty(nullptr, "a", false) ? 0 : 1;
+                  other.setDirty(nullptr, "b", true);
+                  return code;
+              }))
+        << "the other process did not see this one's entry";
     EXPECT_EQ("a\nb\n", readFile());
     EXPECT_TRUE(flags.isDirty(nullptr, "b", false));
 

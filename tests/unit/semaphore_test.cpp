@@ -20,26 +20,11 @@
 #include "ScopedEnv.h"
 #include "SmartSemaphore.h"
 #include "SyslogCapture.h"
+#include "TempTree.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-class TempDir {
-  public:
-    TempDir() {
-        char pattern[] = "/tmp/semaphore_test.XXXXXX";
-        path_ = mkdtemp(pattern);
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
 
 // Changes the working directory for the scope.
 class ScopedCwd {
@@ -85,9 +70,9 @@ int waitForChild(pid_t pid) {
 }  // namespace
 
 TEST(SemaphoreTest, lockFileIsNamedAfterTheSemaphoreInLockVarAndRemovedOnRelease) {
-    TempDir dir;
-    ScopedEnv env("LOCK_VAR", dir.path().c_str());
-    const std::string file = dir.path() + "/semaphore_KSRepositoryHandler-_r-x";
+    TempTree dir;
+    ScopedEnv env("LOCK_VAR", dir.root().c_str());
+    const std::string file = dir.root() + "/semaphore_KSRepositoryHandler-_r-x";
     {
         KSSemaphore semaphore("KSRepositoryHandler-_r-x");
         ASSERT_TRUE(semaphore.lockResource());
@@ -104,19 +89,19 @@ TEST(SemaphoreTest, lockFileIsNamedAfterTheSemaphoreInLockVarAndRemovedOnRelease
 }
 
 TEST(SemaphoreTest, withoutLockVarTheLockFileLiesInTheWorkingDirectory) {
-    TempDir dir;
+    TempTree dir;
     ScopedEnv env("LOCK_VAR", nullptr);
-    ScopedCwd cwd(dir.path());
+    ScopedCwd cwd(dir.root());
     KSSemaphore semaphore("here");
     ASSERT_TRUE(semaphore.lockResource());
-    EXPECT_TRUE(fs::exists(dir.path() + "/semaphore_here"));
+    EXPECT_TRUE(fs::exists(dir.root() + "/semaphore_here"));
     semaphore.unlock();
-    EXPECT_FALSE(fs::exists(dir.path() + "/semaphore_here"));
+    EXPECT_FALSE(fs::exists(dir.root() + "/semaphore_here"));
 }
 
 TEST(SemaphoreTest, unusableLockDirectoryThrowsWithErrnoAndSmartSemaphoreReportsFalse) {
-    TempDir dir;
-    const std::string missing = dir.path() + "/missing";
+    TempTree dir;
+    const std::string missing = dir.root() + "/missing";
     ScopedEnv env("LOCK_VAR", missing.c_str());
     KSSemaphore semaphore("n");
     try {
@@ -136,9 +121,9 @@ TEST(SemaphoreTest, unusableLockDirectoryThrowsWithErrnoAndSmartSemaphoreReports
 }
 
 TEST(SemaphoreTest, secondProcessWaitsAndGetsTheLockAfterTheFirstReleases) {
-    TempDir dir;
-    ScopedEnv env("LOCK_VAR", dir.path().c_str());
-    const std::string released = dir.path() + "/released";
+    TempTree dir;
+    ScopedEnv env("LOCK_VAR", dir.root().c_str());
+    const std::string released = dir.root() + "/released";
     KSSemaphore holder("shared");
     ASSERT_TRUE(holder.lockResource());
 
@@ -158,12 +143,12 @@ TEST(SemaphoreTest, secondProcessWaitsAndGetsTheLockAfterTheFirstReleases) {
     holder.unlock();
     int code = waitForChild(pid);
     EXPECT_EQ(0, code) << "1: the child gave up, 2: it got the lock while it was still held";
-    EXPECT_FALSE(fs::exists(dir.path() + "/semaphore_shared")) << "the child released it";
+    EXPECT_FALSE(fs::exists(dir.root() + "/semaphore_shared")) << "the child released it";
 }
 
 TEST(SemaphoreTest, holderThatNeverReleasesMakesSmartSemaphoreGiveUpAfterThirtySeconds) {
-    TempDir dir;
-    ScopedEnv env("LOCK_VAR", dir.path().c_str());
+    TempTree dir;
+    ScopedEnv env("LOCK_VAR", dir.root().c_str());
     ClockGuard clock;
     KSClock::setVirtualSleepForTesting(true);
     KSSemaphore holder("busy");
@@ -176,7 +161,7 @@ TEST(SemaphoreTest, holderThatNeverReleasesMakesSmartSemaphoreGiveUpAfterThirtyS
     EXPECT_TRUE(
         syslog.findEqual("SmartSemaphore.lock() : KSException caught: 'Semaphore timed out' (1)"));
     EXPECT_TRUE(holder.isLocked());
-    EXPECT_TRUE(fs::exists(dir.path() + "/semaphore_busy")) << "the waiter removed nothing";
+    EXPECT_TRUE(fs::exists(dir.root() + "/semaphore_busy")) << "the waiter removed nothing";
 }
 
 TEST(SemaphoreTest, growingStepsStartAtHalfTheInitialDelayAndStopGrowingAtTheMaximum) {
