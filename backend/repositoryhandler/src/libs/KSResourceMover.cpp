@@ -94,6 +94,42 @@ int moveIntoExistingDirectory(KSRepositoryHandler* repository, const char* origi
     return 0;
 }
 
+// Destination missing: the first copy, which keeps the origin's times.
+int moveToFreshDestination(const char* origin, const char* destination, KSMoveFunction copy,
+                           const char* copyParams, const struct stat& kept) {
+    const int result = mountRename(origin, destination, copy, copyParams);
+    if (result != 0) {
+        const int error = errno;
+        rh_logger.errorLog(
+            "The resource \"%s\" could not be renamed to \"%s\". Error code is %d - %s", origin,
+            destination, error, errnoText(error).c_str());
+        return result;
+    }
+    restoreTimes(destination, kept);
+    return 0;
+}
+
+// Destination present: a file is compared, a directory merged entry by entry.
+int moveOntoExisting(KSRepositoryHandler* repository, const char* origin, const char* destination,
+                     KSMoveFunction copy, const char* copyParams, const char* shortName,
+                     const char* repositoryName, bool verbose, const struct stat& kept) {
+    bool isDirectory = false;
+    if (isDir(origin, &isDirectory, nullptr) != 0) {
+        if (verbose) printf("Could not stat %s\n", origin);
+        return RESOURCE_STATUS_ERRONEOUS;
+    }
+    if (!isDirectory) return moveOntoExistingFile(origin, destination, verbose);
+    const int result = moveIntoExistingDirectory(repository, origin, destination, copy, copyParams,
+                                                 shortName, repositoryName, verbose);
+    if (result != 0) return result;
+    restoreTimes(destination, kept);
+    if (repository != nullptr && repository->settings().countSize) {
+        touchHashedDirs(origin);
+        touchHashedDirs(destination);
+    }
+    return 0;
+}
+
 }  // namespace
 
 int moveRes(KSRepositoryHandler* repository, const char* origin, const char* destination,
@@ -110,41 +146,11 @@ int moveRes(KSRepositoryHandler* repository, const char* origin, const char* des
                            origin, destination);
         return 0;
     }
-
-    if (!exists(destination)) {
-        const int result = mountRename(origin, destination, copy, copyParams);
-        if (result != 0) {
-            const int error = errno;
-            rh_logger.errorLog(
-                "The resource \"%s\" could not be renamed to \"%s\". Error code is %d - %s", origin,
-                destination, error, errnoText(error).c_str());
-            return result;
-        }
-        restoreTimes(destination, kept);
-        if (hasCallback(callback)) {
-            moveCallback(callback, destination, shortName, repositoryName, origin);
-        }
-        return 0;
-    }
-
-    bool isDirectory = false;
-    if (isDir(origin, &isDirectory, nullptr) != 0) {
-        if (verbose) printf("Could not stat %s\n", origin);
-        return RESOURCE_STATUS_ERRONEOUS;
-    }
-    if (!isDirectory) {
-        const int result = moveOntoExistingFile(origin, destination, verbose);
-        if (result != 0) return result;
-    } else {
-        const int result = moveIntoExistingDirectory(
-            repository, origin, destination, copy, copyParams, shortName, repositoryName, verbose);
-        if (result != 0) return result;
-        restoreTimes(destination, kept);
-        if (repository != nullptr && repository->settings().countSize) {
-            touchHashedDirs(origin);
-            touchHashedDirs(destination);
-        }
-    }
+    const int result = exists(destination)
+                           ? moveOntoExisting(repository, origin, destination, copy, copyParams,
+                                              shortName, repositoryName, verbose, kept)
+                           : moveToFreshDestination(origin, destination, copy, copyParams, kept);
+    if (result != 0) return result;
     if (hasCallback(callback)) {
         moveCallback(callback, destination, shortName, repositoryName, origin);
     }
