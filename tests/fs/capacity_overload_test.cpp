@@ -347,6 +347,48 @@ TEST_F(Overload, FreeMountOfAnUnknownMountChangesNothing) {
     EXPECT_TRUE(entryExists(at(0, "r")));
 }
 
+// A link to nowhere inside a resource copies but never compares equal, so its move fails with
+// the comparison's raw status and leaves the origin in place.
+std::string withBrokenLink(const std::string& location) {
+    EXPECT_EQ(symlink("/nonexistent/target", (location + "/link").c_str()), 0);
+    return location;
+}
+
+TEST_F(Overload, FreeMountEndsWhenAResourceCannotBeCopiedAndLeavesItInPlace) {
+    makeRepository({}, {});
+    put(0, "fine", 1);
+    const std::string broken = withBrokenLink(put(0, "broken", 1));
+
+    // The alarm ends a pass that would try the same resource for ever.
+    int code = runInChild([&] {
+        alarm(30);
+        return freeMount_(repo_.path().c_str(), repo_.mountPath(0).c_str(), false, nullptr);
+    });
+
+    EXPECT_EQ(code, 1) << "not all resources could be moved";
+    EXPECT_TRUE(entryExists(broken + "/image"));
+    EXPECT_FALSE(entryExists(at(1, "broken")));
+    EXPECT_EQ(readFile(at(1, "fine") + "/image"), kContent + "fine");
+}
+
+TEST_F(Overload, UnAgeTellsMountsApartByTheirWholePathAndGivesNullWhenTheCopyFails) {
+    repo_.addTmpfsMount("p1", kSmall, 2000, {{"type", "fast"}});
+    repo_.addTmpfsMount("p10", kLarge, 2000);
+    repo_.writeConfig({{"isShared", "false"}});
+    put(1, "aged", 60);
+    const std::string broken = withBrokenLink(put(1, "broken", 60));
+
+    // p10's path begins with p1's, yet its resources are not on the fast mount.
+    char* location = unAge_(repo_.path().c_str(), "aged", nullptr);
+    ASSERT_NE(location, nullptr);
+    EXPECT_EQ(std::string(location), at(0, "aged"));
+    release(location);
+
+    EXPECT_EQ(unAge_(repo_.path().c_str(), "broken", nullptr), nullptr);
+    EXPECT_TRUE(entryExists(broken + "/image"));
+    EXPECT_FALSE(entryExists(at(0, "broken")));
+}
+
 TEST_F(Overload, UnAgeBringsAResourceBackOntoTheLastFastMount) {
     makeRepository({}, {{"type", "fast"}});
     put(1, "aged", 60);

@@ -123,7 +123,7 @@ CandidateMoveResult moveCandidate(KSRepositoryHandler& repository, const Candida
         return CandidateMoveResult::Conflict;  // stays dirty: both copies wait for a decision
     }
     settleDirtyMark(repository, how, entry, destination, wasDirty);
-    if (result & 8) return CandidateMoveResult::Failed;
+    if ((result & 8) || (result != 0 && !how.acceptRawStatus)) return CandidateMoveResult::Failed;
 
     clearEmptyHash(entry.path.c_str());
     repository.progress().moved++;

@@ -23,12 +23,12 @@ class DBConnector;
 }  // namespace kelp
 
 enum class CandidateMoveResult {
-    Moved,     // moveRes reported success (which includes unrecognised command statuses)
+    Moved,     // moveRes reported success (see CandidateMove::acceptRawStatus)
     Refused,   // the lock could not be had
     Touched,   // used since it was gathered, or dirty: left alone
     Vanished,  // the origin no longer exists
     Conflict,  // the destination holds a different copy; marked dirty
-    Failed,    // moveRes reported a failure (bit 8)
+    Failed,    // moveRes reported a failure (bit 8, or any non-zero result when not accepted)
 };
 
 // Who moves: selects the log lines written before the move.
@@ -42,6 +42,10 @@ struct CandidateMove {
     bool checkTime = true;
     // Skip a resource in the dirty set (its copies are waiting for a merge decision).
     bool skipDirty = true;
+    // A moveRes result without the conflict (2) or failure (8) bit, such as the raw status of
+    // a failed copy command, counts as Moved, as the overload loops take it (the origin then
+    // stays where it was). false: only 0 is Moved and any other result is Failed.
+    bool acceptRawStatus = true;
 };
 
 // Bytes held by the files below `path` (a file: its own size); links are not followed.

@@ -248,10 +248,14 @@ public:
     int deleteResourcesFromMount(kelp::db::DBConnector* connection, KSMountPointHandler* mount,
                                  KSNomoveHandler* nomove, unsigned maxCount);
     // Empties the mount whose path is `mount`; `verbose` also prints progress. 0 when nothing
-    // is left on it, 1 when some resources could not be moved, -1 for an unknown mount or
-    // when no other mount can take anything.
+    // is left on it, 1 when some resources could not be moved (each is tried once per call),
+    // -1 for an unknown or unmounted mount, when the repository lock is refused or when no
+    // other mount can take anything.
     int moveAllResourcesFromMount(kelp::db::DBConnector* connection, const char* mount,
                                   bool verbose);
+    // Moves the resource onto the last usable fast mount; its new location (new[]), or null
+    // when it needs no move, cannot be found or the move did not leave it there (any non-zero
+    // moveRes result, a failed copy command's status included).
     char* unAge(kelp::db::DBConnector* connection, const char* resource);
     void writeCalcData(bool verbose, KSMountPointHandler* mount, double usedBefore);
     void warnMoveTimeWarning(const char* action, const time_t* resourceTime);

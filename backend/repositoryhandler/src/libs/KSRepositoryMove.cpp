@@ -179,6 +179,13 @@ int KSRepositoryHandler::moveResourcesNew(kelp::db::DBConnector* connection,
 
 namespace {
 
+// Whole path components: a resource on /data/p10 does not lie on /data/p1.
+bool liesOn(const KSMountPointHandler& mount, const std::string& location) {
+    const std::string& root = mount.path();
+    return location.size() > root.size() && location.compare(0, root.size(), root) == 0 &&
+           location[root.size()] == '/';
+}
+
 KSMountPointHandler* findMount(KSRepositoryHandler::MountList& mounts, std::string name) {
     while (name.size() > 1 && name.back() == '/') name.pop_back();
     for (auto& mount : mounts)
@@ -246,15 +253,17 @@ int KSRepositoryHandler::moveAllResourcesFromMount(kelp::db::DBConnector* connec
                 return -1;
             }
             CandidateMoveResult result = moveCandidate(*this, how, entry, *mounts_[targetIndex]);
-            if (result == CandidateMoveResult::Vanished) {
+            // A failed copy command counts as a move but leaves the origin: it is judged by what
+            // is left, so that nothing still here is tried again in this run (or for ever).
+            const bool stillHere = exists(entry.path.c_str());
+            if (result == CandidateMoveResult::Vanished && !stillHere) {
                 rh_logger.infoLog("EmptyMount skips %s as it seems to have been removed already\n",
                                   entry.path.c_str());
             } else if (result == CandidateMoveResult::Failed) {
                 nomove.setNomove(entry.name.c_str(), true);
                 rh_logger.errorLog("Nospaceleft? EmptyMount couldn't move - marked as nomove");
                 say(verbose, "Nospaceleft? EmptyMount couldn't move - marked as nomove");
-            } else if (result != CandidateMoveResult::Moved) {
-                // Not tried again in this run, or the emptying would never end.
+            } else if (stillHere) {
                 nomove.setNomove(entry.name.c_str(), true);
                 rh_logger.errorLog("Nospaceleft? EmptyMount couldn't move");
                 say(verbose, "Nospaceleft? EmptyMount couldn't move");
@@ -291,7 +300,7 @@ char* KSRepositoryHandler::unAge(kelp::db::DBConnector* connection, const char* 
     for (auto& mount : mounts_) {
         if (!mount->config().fast) continue;
         if (mount->checkStatus(true) & (MOUNT_SWITCH | MOUNT_FULL | MOUNT_DEAD)) continue;
-        if (mount->isOnThisMount(location.get())) return nullptr;
+        if (liesOn(*mount, location.get())) return nullptr;
         target = mount.get();
     }
     if (target == nullptr) return nullptr;
@@ -306,6 +315,7 @@ char* KSRepositoryHandler::unAge(kelp::db::DBConnector* connection, const char* 
     how.actor = MoveActor::UnAge;
     how.checkTime = false;
     how.skipDirty = false;
+    how.acceptRawStatus = false;
     if (moveCandidate(*this, how, entry, *target) != CandidateMoveResult::Moved) return nullptr;
     std::string destination = resourceLocation(target->path(), resource);
     char* result = new char[destination.size() + 1];
