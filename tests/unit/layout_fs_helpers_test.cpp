@@ -298,6 +298,7 @@ TEST(LayoutFsHelpers, nullArgumentsOfTheStatHelpersThrowAssertions) {
     }
     EXPECT_THROW(myStat("/", nullptr), KSAssertionException);
     EXPECT_THROW(lastModified2(nullptr), KSAssertionException);
+    EXPECT_THROW(isDir("/", nullptr, nullptr), KSAssertionException);
 }
 
 TEST(LayoutFsHelpers, getSizeAddsAllocatedBlocksOfTheWholeTree) {

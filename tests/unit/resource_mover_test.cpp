@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ImmutableFlag.h"
+#include "KSAssertionException.h"
 #include "KSPathUtils.h"
 #include "KSRepositoryHandler.h"
 #include "KSResourceMover.h"
@@ -175,6 +176,24 @@ TEST(ResourceMover, aPathWithASingleQuoteIsRefusedAndTheOriginStays) {
     EXPECT_EQ(TempTree::read(tree.path("m1/it's/a")), "alpha");
     EXPECT_FALSE(present(tree.path("m2/x/it's")));
     EXPECT_TRUE(log.findContaining("Command refused").has_value());
+}
+
+TEST(ResourceMover, aMissingOriginOrANullPathIsAnAssertion) {
+    TempTree tree;
+    try {
+        move(tree.path("m1/gone"), tree.path("m2/gone"));
+        FAIL() << "no exception";
+    } catch (const KSAssertionException& e) {
+        EXPECT_EQ(e.getExpression(), "access( origin, F_OK ) == 0");
+    }
+    EXPECT_FALSE(present(tree.path("m2")));
+    tree.write("m1/study1/a", "alpha");
+    EXPECT_THROW(moveRes(nullptr, tree.path("m1/study1").c_str(), nullptr, nullptr, nullptr, "",
+                         "study1", "/repo", false),
+                 KSAssertionException);
+    EXPECT_THROW(mountRename(nullptr, tree.path("m2/study1").c_str(), nullptr, nullptr),
+                 KSAssertionException);
+    EXPECT_EQ(TempTree::read(tree.path("m1/study1/a")), "alpha");
 }
 
 std::vector<std::string> pluginCalls;

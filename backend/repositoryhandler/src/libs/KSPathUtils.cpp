@@ -348,6 +348,7 @@ int myStat(const char* path, struct stat* out) {
 }
 
 int isDir(const char* path, bool* isDirectory, struct stat* known) {
+    KS_ASSERT_NOT_NULL(isDirectory, kAssertFile);
     if (known != nullptr) {
         *isDirectory = S_ISDIR(known->st_mode);
         return 0;

@@ -159,6 +159,7 @@ int moveRes(KSRepositoryHandler* repository, const char* origin, const char* des
 
 int mountRename(const char* origin, const char* destination, KSMoveFunction copy,
                 const char* copyParams) {
+    KS_ASSERT_NOT_NULL(origin, kAssertFile);
     std::unique_ptr<char[]> parent(baseDir(destination));
     if (!parent) return -1;
     const int made = mkdirs(parent.get(), 0755);

@@ -15,6 +15,7 @@ int moveRes(KSRepositoryHandler* repository, const char* origin, const char* des
             KSMoveFunction copy, const char* copyParams, const char* callback,
             const char* shortName, const char* repositoryName, bool verbose);
 // First copy onto a mount where the resource does not exist yet: copy, compare, remove.
+// A null origin throws KSAssertionException; a destination without a parent gives -1.
 int mountRename(const char* origin, const char* destination, KSMoveFunction copy,
                 const char* copyParams);
 // Tells the study callback ($TASKD_HOME/runjavacmd) of a move or a deletion. Either path may
