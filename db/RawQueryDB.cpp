@@ -23,8 +23,10 @@ size_t RawQueryDB::executeQuery(const std::string& sql, unsigned long timeLimitS
     try {
         result = run(sql, timeLimitSeconds);
     } catch (const SqlException& e) {
-        // A connection that died since the last statement is replaced once; a query that fails
-        // on a live connection is the caller's error and is not run twice.
+        // A connection that died since the last statement is replaced once. A query that fails
+        // on a live connection is the caller's error, and a connection that could not be opened
+        // has already had its connect retries: neither is run twice.
+        if (!connector_.connection()) throw DBException(e.what(), e.code());
         connector_.reset();
         if (connector_.connection()) throw DBException(e.what(), e.code());
         try {

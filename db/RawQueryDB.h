@@ -25,8 +25,8 @@ class RH_EXPORT RawQueryDB {
 
     // Runs sql as a plain text query, with a server-side time limit of timeLimitSeconds (0: none),
     // and appends its rows to rows, each a vector of fields in column order. Returns the number
-    // of rows appended. Replaces a connection that was lost, once; throws DBException(text, code)
-    // on failure.
+    // of rows appended. Replaces a connection that was lost, once (a connection that cannot be
+    // opened is not tried again); throws DBException(text, code) on failure.
     size_t executeQuery(const std::string& sql, unsigned long timeLimitSeconds,
                         std::vector<std::vector<SqlField>>& rows);
 

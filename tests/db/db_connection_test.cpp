@@ -13,8 +13,11 @@
 
 #include <gtest/gtest.h>
 
+#include "DBConnectorSql.h"
+#include "DBException.h"
 #include "DbTestEnv.h"
 #include "QueryBindings.h"
+#include "RawQueryDB.h"
 #include "ScopedEnv.h"
 #include "Sql.h"
 #include "SqlConnection.h"
@@ -22,7 +25,12 @@
 #include "SqlStatement.h"
 #include "TempTree.h"
 
+using kelp::db::DBConnector;
+using kelp::db::DBConnectorSql;
+using kelp::db::DBException;
 using kelp::db::QueryBindings;
+using kelp::db::RawQueryDB;
+using kelp::db::SqlField;
 using kelp::db::Sql;
 using kelp::db::SqlException;
 
@@ -172,6 +180,35 @@ TEST(DbConnection, nonNumericRetryCountMeansNoRetry) {
     RefusedSetup setup("retryCount=many\nretrySleep=0\n");
     Sql sql(false);
     connectError(sql);
+    EXPECT_EQ(1u, setup.refusing.attempts().size());
+}
+
+TEST(DbConnection, withoutConfAFailedConnectEndsAtOnceWithALogicErrorThatNoRetryCatches) {
+    RefusedSetup setup("retryCount=5\nretrySleep=0\n");
+    ScopedEnv noConf("CONF", nullptr);
+    Sql sql(false);
+    EXPECT_THROW(sql.getConnectionEx(), std::logic_error);
+    EXPECT_EQ(1u, setup.refusing.attempts().size());
+
+    std::unique_ptr<DBConnectorSql> connector(
+        static_cast<DBConnectorSql*>(DBConnector::createConnector(false)));
+    QueryBindings none(0, 0);
+    EXPECT_THROW(connector->executeUpdate("DO 1", none, false), std::logic_error);
+    EXPECT_EQ(2u, setup.refusing.attempts().size());
+}
+
+TEST(DbConnection, rawQueryThatCannotConnectDoesNotConnectAgain) {
+    RefusedSetup setup("retryCount=0\n");
+    std::unique_ptr<DBConnectorSql> connector(
+        static_cast<DBConnectorSql*>(DBConnector::createConnector(false)));
+    RawQueryDB raw(*connector);
+    std::vector<std::vector<SqlField>> rows;
+    try {
+        raw.executeQuery("SELECT 1", 0, rows);
+        FAIL() << "a query ran without a server";
+    } catch (const DBException& e) {
+        EXPECT_EQ(0u, std::string(e.what()).find("Connecting to mysql failed: [")) << e.what();
+    }
     EXPECT_EQ(1u, setup.refusing.attempts().size());
 }
 
