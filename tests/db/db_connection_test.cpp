@@ -30,9 +30,9 @@ using kelp::db::DBConnectorSql;
 using kelp::db::DBException;
 using kelp::db::QueryBindings;
 using kelp::db::RawQueryDB;
-using kelp::db::SqlField;
 using kelp::db::Sql;
 using kelp::db::SqlException;
+using kelp::db::SqlField;
 
 namespace {
 
