@@ -3,11 +3,14 @@
 
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <utime.h>
 
 #include <list>
 #include <memory>
 #include <string>
 
+#include "ClockControl.h"
+#include "KSClock.h"
 #include "KSRepositoryHandler.h"
 #include "ResourceFiles.h"
 #include "ScopedEnv.h"
@@ -143,6 +146,59 @@ TEST_F(PlacementLookup, LookupOnANamedMountAnswersForThatMountOnly) {
               nullptr);
     EXPECT_EQ(status, 4);
     EXPECT_TRUE(log.findContaining("mount cannot be found"));
+
+    // The lookup on a mount never reloads the repository; the other calls do once the quiet
+    // period is over.
+    ClockGuard clock;
+    const std::string config = repo_.path() + "/repository.cfg";
+    ScratchRepository::writeProperties(config, {{"isShared", "false"}, {"mountPoints", "p2"}});
+    struct utimbuf changed {
+        KSClock::now() + 100, KSClock::now() + 100
+    };
+    ASSERT_EQ(::utime(config.c_str(), &changed), 0);
+    KSClock::advanceForTesting(10);
+    EXPECT_EQ(
+        getLocationOnMount_(repo_.path().c_str(), "study1", "p1", &status, true, nullptr, false),
+        nullptr);
+    EXPECT_EQ(status, 36) << "p1 is still a mount of the loaded handler";
+    EXPECT_EQ(locate("study1", &status), second);
+    EXPECT_EQ(
+        getLocationOnMount_(repo_.path().c_str(), "study1", "p1", &status, true, nullptr, false),
+        nullptr);
+    EXPECT_EQ(status, 4) << "the reloaded repository has no mount p1";
+}
+
+TEST_F(PlacementLookup, SingleMountNonClearableRepositoryIsLookedUpWithoutTheResourceLock) {
+    ClockGuard clock;
+    KSClock::setVirtualSleepForTesting(true);
+    ScratchRepository clearable;
+    repo_.addMount("p1");
+    clearable.addMount("p1");
+    repo_.writeConfig({{"isShared", "false"}});
+    clearable.writeConfig({{"isShared", "false"}, {"isClearable", "true"}});
+    const std::string single = putResource(repo_.mountPath(0), "study1");
+    putResource(clearable.mountPath(0), "study1");
+    ASSERT_EQ(lockResource_(repo_.path().c_str(), "study1", nullptr), 1);
+    ASSERT_EQ(lockResource_(clearable.path().c_str(), "study1", nullptr), 1);
+
+    int status = -1;
+    EXPECT_EQ(locate("study1", &status), single);
+    EXPECT_EQ(status, 0);
+    char* found =
+        getLocationOnMount_(repo_.path().c_str(), "study1", "p1", &status, true, nullptr, false);
+    EXPECT_EQ(found ? std::string(found) : "", single);
+    release(found);
+
+    EXPECT_EQ(getLocation_(clearable.path().c_str(), "study1", &status, false, true, false, false,
+                           nullptr),
+              nullptr);
+    EXPECT_EQ(status, 16) << "a clearable repository's lookup waits for the lock held here";
+    EXPECT_EQ(getLocationOnMount_(clearable.path().c_str(), "study1", "p1", &status, true, nullptr,
+                                  false),
+              nullptr);
+    EXPECT_EQ(status, 16);
+    unlockResource_(repo_.path().c_str(), "study1", nullptr);
+    unlockResource_(clearable.path().c_str(), "study1", nullptr);
 }
 
 TEST_F(PlacementLookup, EveryCopyIsListedAndPathsMapBackToTheirMount) {
@@ -168,7 +224,7 @@ TEST_F(PlacementLookup, EveryCopyIsListedAndPathsMapBackToTheirMount) {
 TEST_F(PlacementLookup, AuthoritativeCallbackDecidesWithoutLookingAtTheMounts) {
     TaskdHome taskd;
     makeRepository({{"callback", "RepositoryStudyCallback"}, {"authoritativeMode", "true"}});
-    putResource(repo_.mountPath(0), "study1");
+    const std::string first = putResource(repo_.mountPath(0), "study1");
 
     int status = -1;
     EXPECT_EQ(locate("study1", &status), "");
@@ -182,6 +238,14 @@ TEST_F(PlacementLookup, AuthoritativeCallbackDecidesWithoutLookingAtTheMounts) {
     taskd.answer("/archive/elsewhere/study1  \n");
     EXPECT_EQ(locate("study1", &status), "/archive/elsewhere/study1");
     EXPECT_EQ(status, 0);
+
+    // Asked not to use the callback, the mounts decide, which is odd enough to be logged.
+    SyslogCapture log;
+    EXPECT_EQ(locate("study1", &status, false, false), first);
+    EXPECT_TRUE(
+        log.findEqual("In Godmode, checking the physical mounts, which is STRANGE (but "
+                      "possible when resource is dirty), repository=" +
+                      repo_.path() + " resource=study1"));
 }
 
 TEST_F(PlacementLookup, NamesThatWouldLeaveTheirQuotesRunNothing) {

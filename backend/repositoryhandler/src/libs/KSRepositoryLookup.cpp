@@ -204,13 +204,11 @@ char* KSRepositoryHandler::getLocation(kelp::db::DBConnector* connection, const 
         }
     }
     std::optional<SmartSemaphore> semaphore;
-    if (lock) {
-        if (!lockResourceInto(semaphore, *this, lookup.resource, connection)) {
-            *status = RESOURCE_STATUS_LOCK_FAILED;
-            return nullptr;
-        }
+    if (lock && !lockResourceInto(semaphore, *this, lookup.resource, connection)) {
+        *status = RESOURCE_STATUS_LOCK_FAILED;
+        return nullptr;
     }
-    if (settings_.authoritativeMode && hasCallback && useCallback)
+    if (settings_.authoritativeMode && hasCallback)
         rh_logger.infoLog(
             "In Godmode, checking the physical mounts, which is STRANGE (but possible when "
             "resource is dirty), repository=%s resource=%s",
@@ -262,11 +260,9 @@ char* KSRepositoryHandler::getLocationOnMount(kelp::db::DBConnector* connection,
     }
     std::string name = stripLeadingSlashes(resource);
     std::optional<SmartSemaphore> semaphore;
-    if (lock) {
-        if (!lockResourceInto(semaphore, *this, name.c_str(), connection)) {
-            *status = RESOURCE_STATUS_LOCK_FAILED;
-            return nullptr;
-        }
+    if (lock && !lockResourceInto(semaphore, *this, name.c_str(), connection)) {
+        *status = RESOURCE_STATUS_LOCK_FAILED;
+        return nullptr;
     }
     KSMountPointHandler* mount = findMountByName(*this, mountName);
     if (mount == nullptr) {
@@ -304,11 +300,8 @@ int KSRepositoryHandler::getLocations(kelp::db::DBConnector* connection, const c
     if (refuseUnsafeName(resource, "getLocations")) return -RESOURCE_STATUS_ERRONEOUS;
     std::string name = stripLeadingSlashes(resource);
     std::optional<SmartSemaphore> semaphore;
-    if (lock) {
-        if (!lockResourceInto(semaphore, *this, name.c_str(), connection)) {
-            return -RESOURCE_STATUS_LOCK_FAILED;
-        }
-    }
+    if (lock && !lockResourceInto(semaphore, *this, name.c_str(), connection))
+        return -RESOURCE_STATUS_LOCK_FAILED;
     int count = 0;
     for (auto& mount : mounts_) {
         int mountStatus = 0;
