@@ -117,6 +117,10 @@ TEST_F(PlacementCreateRemove, ResourceOnTwoMountsIsRemovedFromBothWithoutEmptyHa
     makeRepository();
     putResource(repo_.mountPath(0), "study1");
     putResource(repo_.mountPath(2), "study1");
+    SyslogCapture log;
+    EXPECT_EQ(removeResourceOnMount_(repo_.path().c_str(), "study1", nullptr, true, false, nullptr),
+              8);
+    EXPECT_TRUE(log.findContaining("mountName is NULL for repository: " + repo_.path()));
 
     EXPECT_EQ(removeResource_(repo_.path().c_str(), "study1", true, false, nullptr), 0);
     EXPECT_TRUE(hashLevelsOn(repo_.mountPath(0)).empty());

@@ -145,6 +145,9 @@ public:
     // are single path components (leading slashes are ignored); any other name ("", ".", "..",
     // "a/b") is refused with status 8 and an error log line, before any file or lock is used.
     // `status` may be null. Status codes: KSResourceStatus (KSStatus.h).
+    // A failed merge of duplicates or take-over from the legacy directory reports 2 or 8 as the
+    // mover said, and any other failure (such as a command's raw exit status) as 2. A configured
+    // resolver cannot run without TASKD_HOME: the merge then fails with 2 and an error line.
     char* getLocation(kelp::db::DBConnector* connection, const char* resource, int* status,
                       bool touch, bool lock, bool useCallback, bool onlyIfDirty);
     char* getLocationOnMount(kelp::db::DBConnector* connection, const char* resource,
@@ -198,13 +201,16 @@ public:
     // The status of a locked lookup with the callback (KSResourceStatus).
     int checkResourceStatus(kelp::db::DBConnector* connection, const char* resource);
     // Removal results are the statuses of the single removals ORed together: 0 removed, 1 still
-    // dirty (nothing removed), 4 nowhere, 8 erroneous (also an unsafe name), 16 lock failed.
+    // dirty (nothing removed), 4 nowhere, 8 erroneous (also an unsafe name, and a null
+    // `mountName`), 16 lock failed. A legacy entry that does not exist is not examined, so its
+    // absence logs nothing.
     int removeResource(kelp::db::DBConnector* connection, const char* resource, bool lock,
                        bool useCallback);
     int removeResourceOnMount(kelp::db::DBConnector* connection, const char* resource,
                               const char* mountName, bool lock, bool useCallback);
     // Access and modification time of the resource's location; false (pair untouched) when the
-    // resource is not found. setTimeProperties: utime on the location.
+    // resource is not found or its location cannot be stat-ed. setTimeProperties: utime on the
+    // location (null `times`: now).
     bool getTimeProperties(kelp::db::DBConnector* connection, const char* resource,
                            struct utimbuf* times);
     bool setTimeProperties(kelp::db::DBConnector* connection, const char* resource,
@@ -295,9 +301,7 @@ private:
     char* takeOverFromLegacy(const char* resource, int* status, bool touch, bool dirty);
     std::string legacySource(const char* resource, int* status, bool* wasLink);
     void writeToLegacyLog(const char* path);
-    // Removal helpers (KSRepositoryRemove.cpp).
-    bool staysDirtyAfterMerge(kelp::db::DBConnector* connection, const char* resource,
-                              bool useCallback);
+    // Removal helper (KSRepositoryRemove.cpp).
     bool removeFromLegacy(const char* resource, bool useCallback, int* result);
 
     std::string path_;

@@ -38,6 +38,22 @@ bool lstatExists(const std::string& path) {
     return ::lstat(path.c_str(), &st) == 0;
 }
 
+// The start shared by both removals: the resource lock (kept in `semaphore`, when asked for) and
+// the merge of a dirty resource. A dirty resource is merged first; one that stays dirty (a
+// mount is dead) is never removed, so that a copy on the dead mount cannot come back later as
+// the only copy. The result to give back at once, or -1 to go on.
+int startRemoval(KSRepositoryHandler& repository, kelp::db::DBConnector* connection,
+                 const std::string& name, bool lock, bool useCallback,
+                 std::optional<SmartSemaphore>& semaphore) {
+    if (lock && !lockResourceInto(semaphore, repository, name.c_str(), connection))
+        return RESOURCE_STATUS_LOCK_FAILED;
+    KSDirtyFlagHandler& dirtyFlags = repository.dirtyFlags();
+    if (!dirtyFlags.isDirty(connection, name.c_str(), true)) return -1;
+    std::unique_ptr<char[]> location(repository.getLocation(connection, name.c_str(), nullptr,
+                                                            false, false, useCallback, false));
+    return dirtyFlags.isDirty(connection, name.c_str(), true) ? RESOURCE_STATUS_DIRTY : -1;
+}
+
 }  // namespace
 
 int KSRepositoryHandler::checkResourceStatus(kelp::db::DBConnector* connection,
@@ -67,16 +83,6 @@ bool KSRepositoryHandler::setTimeProperties(kelp::db::DBConnector* connection, c
         getLocation(connection, resource, nullptr, false, false, true, false));
     if (!location) return false;
     return ::utime(location.get(), times) != -1;
-}
-
-// A dirty resource is merged first; one that stays dirty (a mount is dead) is never removed,
-// so that a copy on the dead mount cannot come back later as the only copy.
-bool KSRepositoryHandler::staysDirtyAfterMerge(kelp::db::DBConnector* connection,
-                                               const char* resource, bool useCallback) {
-    if (!dirtyFlags_.isDirty(connection, resource, true)) return false;
-    std::unique_ptr<char[]> location(
-        getLocation(connection, resource, nullptr, false, false, useCallback, false));
-    return dirtyFlags_.isDirty(connection, resource, true);
 }
 
 // Removes the resource's legacy entry: a link (and, when links are used, the resolved target)
@@ -112,12 +118,8 @@ int KSRepositoryHandler::removeResource(kelp::db::DBConnector* connection, const
     if (refuseUnsafeName(resource, "removeResource")) return RESOURCE_STATUS_ERRONEOUS;
     std::string name = stripLeadingSlashes(resource);
     std::optional<SmartSemaphore> semaphore;
-    if (lock) {
-        if (!lockResourceInto(semaphore, *this, name.c_str(), connection)) {
-            return RESOURCE_STATUS_LOCK_FAILED;
-        }
-    }
-    if (staysDirtyAfterMerge(connection, name.c_str(), useCallback)) return RESOURCE_STATUS_DIRTY;
+    int early = startRemoval(*this, connection, name, lock, useCallback, semaphore);
+    if (early >= 0) return early;
     bool hasLegacy = !settings_.legacyDir.empty();
     if (mounts_.empty() && !hasLegacy) return RESOURCE_STATUS_MISSING;
     Removal removal;
@@ -136,19 +138,21 @@ int KSRepositoryHandler::removeResourceOnMount(kelp::db::DBConnector* connection
                                                const char* resource, const char* mountName,
                                                bool lock, bool useCallback) {
     if (refuseUnsafeName(resource, "removeResourceOnMount")) return RESOURCE_STATUS_ERRONEOUS;
+    if (mountName == nullptr) {
+        rh_logger.errorLog(
+            "mountName is NULL for repository: %s! Giving back ERRONEOUS status for resource %s",
+            path_.c_str(), resource);
+        return RESOURCE_STATUS_ERRONEOUS;
+    }
     std::string name = stripLeadingSlashes(resource);
     std::optional<SmartSemaphore> semaphore;
-    if (lock) {
-        if (!lockResourceInto(semaphore, *this, name.c_str(), connection)) {
-            return RESOURCE_STATUS_LOCK_FAILED;
-        }
-    }
-    if (staysDirtyAfterMerge(connection, name.c_str(), useCallback)) return RESOURCE_STATUS_DIRTY;
+    int early = startRemoval(*this, connection, name, lock, useCallback, semaphore);
+    if (early >= 0) return early;
     KSMountPointHandler* mount = findMountByName(*this, mountName);
     if (mount == nullptr) {
         rh_logger.errorLog(
             "Giving back RESOURCE_STATUS_MISSING because mount cannot be found, repo:%s, mount:%s",
-            path_.c_str(), mountName ? mountName : "(null)");
+            path_.c_str(), mountName);
         return RESOURCE_STATUS_MISSING;
     }
     bool hasLegacy = !settings_.legacyDir.empty();
