@@ -9,7 +9,6 @@
 #include <memory>
 #include <string>
 
-#include "KSAssertionException.h"
 #include "KSLogger.h"
 #include "KSMountPointHandler.h"
 #include "KSPathUtils.h"
@@ -20,21 +19,7 @@
 
 namespace {
 
-const char* const kSourceFile = "backend/repositoryhandler/src/libs/KSMountPointHandler";
 constexpr int kMkdirsAttempts = 5;
-
-// Resources are single path components: leading slashes are tolerated, anything else that
-// could step out of the resource's own directory is a programming error.
-std::string checkedSubDirectory(const char* resource) {
-    if (resource == nullptr) throw KSAssertionException("resource", __LINE__, kSourceFile);
-    std::string subDirectory = stripLeadingSlashes(resource);
-    if (subDirectory.find('/') != std::string::npos)
-        throw KSAssertionException("subDirectory.find( '/' ) == string::npos", __LINE__,
-                                   kSourceFile);
-    if (!isSafeResourceName(subDirectory.c_str()))
-        throw KSAssertionException("isSafeResourceName( subDirectory )", __LINE__, kSourceFile);
-    return subDirectory;
-}
 
 // The three hash levels of `name` below `mountPath`, with a trailing slash.
 std::string hashLevelsOf(const std::string& mountPath, const std::string& name) {
@@ -110,7 +95,7 @@ char* KSMountPointHandler::createLocation(const char* resource, int* status, boo
         *status = RESOURCE_STATUS_ERRONEOUS;
         return nullptr;
     }
-    std::string name = checkedSubDirectory(resource);
+    std::string name = checkedResourceName(resource);
     std::string levels = hashLevelsOf(path_, name);
     int error = 0;
     if (!makeDirectoryWithRetries(levels, &error)) {

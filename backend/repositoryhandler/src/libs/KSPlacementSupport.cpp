@@ -3,11 +3,18 @@
 #include <cstring>
 #include <memory>
 
+#include "KSAssertionException.h"
 #include "KSLogger.h"
 #include "KSMountPointHandler.h"
 #include "KSPathUtils.h"
 #include "KSRepositoryHandler.h"
 #include "KSStatus.h"
+
+namespace {
+
+const char* const kSourceFile = "backend/repositoryhandler/src/libs/KSPlacementSupport";
+
+}  // namespace
 
 char* newText(const std::string& text) {
     char* copy = new char[text.size() + 1];
@@ -67,4 +74,15 @@ bool refuseUnsafeName(const char* resource, const char* operation) {
     rh_logger.errorLog("%s: refusing the resource name \"%s\", which is not a single name",
                        operation, resource ? resource : "(null)");
     return true;
+}
+
+std::string checkedResourceName(const char* resource) {
+    if (resource == nullptr) throw KSAssertionException("resource", __LINE__, kSourceFile);
+    std::string subDirectory = stripLeadingSlashes(resource);
+    if (subDirectory.find('/') != std::string::npos)
+        throw KSAssertionException("subDirectory.find( '/' ) == string::npos", __LINE__,
+                                   kSourceFile);
+    if (!isSafeResourceName(subDirectory.c_str()))
+        throw KSAssertionException("isSafeResourceName( subDirectory )", __LINE__, kSourceFile);
+    return subDirectory;
 }

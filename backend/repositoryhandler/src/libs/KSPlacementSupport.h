@@ -42,3 +42,7 @@ bool lockResourceInto(std::optional<SmartSemaphore>& semaphore, KSRepositoryHand
 // True, with an error line naming `operation`, for a name that is not a single path component
 // after its leading slashes (null, "", ".", "..", anything with a slash).
 bool refuseUnsafeName(const char* resource, const char* operation);
+// `resource` without its leading slashes, for the operations that create: a null name, one that
+// still holds a slash, or "", "." or ".." is a programming error (KSAssertionException; the
+// expression "subDirectory.find( '/' ) == string::npos" for the slash).
+std::string checkedResourceName(const char* resource);

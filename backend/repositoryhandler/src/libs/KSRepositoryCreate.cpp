@@ -4,7 +4,6 @@
 #include <memory>
 #include <string>
 
-#include "KSAssertionException.h"
 #include "KSLegacyLinks.h"
 #include "KSLogger.h"
 #include "KSPathUtils.h"
@@ -15,20 +14,6 @@
 #include "SmartSemaphore.h"
 
 namespace {
-
-const char* const kSourceFile = "backend/repositoryhandler/src/libs/KSRepositoryHandler";
-
-// Creation refuses, as a programming error, any name that is not one path component.
-std::string checkedResourceName(const char* resource) {
-    if (resource == nullptr) throw KSAssertionException("resource", __LINE__, kSourceFile);
-    std::string subDirectory = stripLeadingSlashes(resource);
-    if (subDirectory.find('/') != std::string::npos)
-        throw KSAssertionException("subDirectory.find( '/' ) == string::npos", __LINE__,
-                                   kSourceFile);
-    if (!isSafeResourceName(subDirectory.c_str()))
-        throw KSAssertionException("isSafeResourceName( subDirectory )", __LINE__, kSourceFile);
-    return subDirectory;
-}
 
 // Among the mounts without any bit of `exclude`, the least used one (earlier wins ties).
 int leastUsedMount(const KSRepositoryHandler::MountList& mounts, uint32_t exclude,
