@@ -21,7 +21,8 @@ class LockDB;
 //
 // Errors: every database failure leaves as DBException. A connector can always be created; a
 // wanting environment (DBNAME, MED_USER, MYSQL_UNIX_PORT / MYSQL_HOST, MYSQL_TCP_PORT) surfaces
-// as a DBException on first use.
+// as a DBException on first use. One exception: when a connect fails and CONF is unset (so the
+// retry settings of $CONF/db.cfg cannot be found), std::logic_error leaves at once, unretried.
 //
 // Thread safety: one connector may be shared by threads; statements on it run one at a time on
 // its single connection. A thread that works in parallel with others takes its own connector
