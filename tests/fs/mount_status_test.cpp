@@ -281,6 +281,8 @@ TEST(MountCollectNumTest, theBatchGrowsWithoutGainFollowsTheEstimateAndStaysClam
         {99.5, 40, 240},      // estimate 240
         {98, 30, 100},        // use grew: unchanged, then raised to the floor
         {130, 5000, 500},     // estimate 483 is below 5000 / 10
+        // a tiny drop: an estimate past 2^32 is more than ten times
+        {99.00000069849112, 1000, 10000},
     };
     for (const auto& c : cases) {
         mount.setUsedAtCycleStart(c.atCycleStart);

@@ -283,21 +283,19 @@ unsigned KSMountPointHandler::recalculateCollectNum(unsigned current) {
     const double used = usedPercentage_.load();
     const double drop = usedAtCycleStart_ - used;
     const double aboveClean = used - config_.cleanLimit;
-    unsigned next = current;
+    // 64-bit and compared before truncation: a tiny drop gives an estimate past any 32-bit count.
+    const uint64_t tenTimes = 10ull * current;
+    uint64_t next = current;
     if (drop == 0) {
-        next = current * 10;
+        next = tenTimes;
     } else if (drop > 0 && aboveClean > 0) {
-        const unsigned estimate =
-            static_cast<unsigned>(static_cast<float>(current) * aboveClean / drop);
-        if (current * 10 >= estimate) {
-            next = std::max(current / 10, estimate);
-        } else {
-            next = current * 10;
-        }
+        const double estimate = static_cast<float>(current) * aboveClean / drop;
+        if (estimate <= static_cast<double>(tenTimes))
+            next = std::max<uint64_t>(current / 10, static_cast<uint64_t>(estimate));
+        else
+            next = tenTimes;
     }
-    if (next < 100) next = 100;
-    if (next > 50000) next = 50000;
-    return next;
+    return static_cast<unsigned>(std::min<uint64_t>(std::max<uint64_t>(next, 100), 50000));
 }
 
 void KSMountPointHandler::writeToLog(const char* /*text*/) {}
