@@ -57,13 +57,11 @@ bool LockDBSql::lockFirstTime(const std::string& lockId, const std::string& reso
 }
 
 bool LockDBSql::releaseLock(const std::string& lockId) {
-    try {
+    return withBindingMemory([&] {
         QueryBindings bindings(delete_.paramCount, delete_.resultCount);
         bindings.bindString(0, lockId);
         return executeUpdate(delete_, bindings, true) != 0;
-    } catch (const std::bad_alloc&) {
-        throw DBException("Not enough memory");
-    }
+    });
 }
 
 }  // namespace db

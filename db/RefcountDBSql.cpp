@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <mutex>
-#include <new>
 
 #include "DBConnectorSql.h"
 #include "DBException.h"
@@ -118,46 +117,40 @@ void RefcountDBSql::registerStatements() {
 
 uint64_t RefcountDBSql::update(const PsQuery& query,
                                std::initializer_list<const std::string*> params) {
-    try {
+    return withBindingMemory([&] {
         QueryBindings bindings(query.paramCount, query.resultCount);
         bindStrings(bindings, params);
         return executeUpdate(query, bindings, true);
-    } catch (const std::bad_alloc&) {
-        throw DBException("Not enough memory");
-    }
+    });
 }
 
-bool RefcountDBSql::hasRow(const PsQuery& query, std::initializer_list<const std::string*> params) {
-    try {
-        std::lock_guard<std::recursive_mutex> guard(connector().sql().mutex());
-        char buffer[256];
-        QueryResult column(MYSQL_TYPE_STRING, buffer, sizeof buffer, SIGNED_VALUE);
+int RefcountDBSql::fetchFirst(const PsQuery& query,
+                              std::initializer_list<const std::string*> params,
+                              QueryResult& column) {
+    return withBindingMemory([&] {
         QueryBindings bindings(query.paramCount, query.resultCount);
         bindStrings(bindings, params);
         bindings.bindResult(0, column);
         PSHandle handle = executeQuery(query, bindings);
-        int status = handle.statement->fetch();
-        return status == 0 || status == MYSQL_DATA_TRUNCATED;
-    } catch (const std::bad_alloc&) {
-        throw DBException("Not enough memory");
-    }
+        return handle.statement->fetch();
+    });
+}
+
+bool RefcountDBSql::hasRow(const PsQuery& query, std::initializer_list<const std::string*> params) {
+    std::lock_guard<std::recursive_mutex> guard(connector().sql().mutex());
+    char buffer[256];
+    QueryResult column(MYSQL_TYPE_STRING, buffer, sizeof buffer, SIGNED_VALUE);
+    int status = fetchFirst(query, params, column);
+    return status == 0 || status == MYSQL_DATA_TRUNCATED;
 }
 
 int64_t RefcountDBSql::fetchCount(const PsQuery& query,
                                   std::initializer_list<const std::string*> params) {
-    try {
-        std::lock_guard<std::recursive_mutex> guard(connector().sql().mutex());
-        long long value = 0;
-        QueryResult column(MYSQL_TYPE_LONGLONG, &value, sizeof value, SIGNED_VALUE);
-        QueryBindings bindings(query.paramCount, query.resultCount);
-        bindStrings(bindings, params);
-        bindings.bindResult(0, column);
-        PSHandle handle = executeQuery(query, bindings);
-        if (handle.statement->fetch() != 0 || column.isNull()) return 0;
-        return value;
-    } catch (const std::bad_alloc&) {
-        throw DBException("Not enough memory");
-    }
+    std::lock_guard<std::recursive_mutex> guard(connector().sql().mutex());
+    long long value = 0;
+    QueryResult column(MYSQL_TYPE_LONGLONG, &value, sizeof value, SIGNED_VALUE);
+    if (fetchFirst(query, params, column) != 0 || column.isNull()) return 0;
+    return value;
 }
 
 uint64_t RefcountDBSql::addEntry(const std::string& id, const std::string& type,
@@ -231,7 +224,7 @@ size_t RefcountDBSql::listEntries(const std::string& id, const std::string& type
 
 std::list<std::string> RefcountDBSql::readReferrers(const std::string& id,
                                                     const std::string& type) {
-    try {
+    return withBindingMemory([&] {
         std::lock_guard<std::recursive_mutex> guard(connector().sql().mutex());
         char referrer[256];
         long long counter = 0;
@@ -249,9 +242,7 @@ std::list<std::string> RefcountDBSql::readReferrers(const std::string& id,
             found.push_back(std::string(referrer, length) + "=" + std::to_string(counter));
         }
         return found;
-    } catch (const std::bad_alloc&) {
-        throw DBException("Not enough memory");
-    }
+    });
 }
 
 }  // namespace db

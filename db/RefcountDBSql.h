@@ -4,6 +4,7 @@
 
 #include "PSCache.h"
 #include "PsQuery.h"
+#include "QueryResult.h"
 #include "RefcountDB.h"
 
 namespace kelp {
@@ -39,6 +40,11 @@ class RefcountDBSql : public RefcountDB, public PSCache {
     void registerStatements();
     // Runs an update whose parameters are all strings.
     uint64_t update(const PsQuery& query, std::initializer_list<const std::string*> params);
+    // Runs a query whose parameters are all strings and fetches its first row, its one result
+    // column into column; returns the fetch status (0, MYSQL_NO_DATA, MYSQL_DATA_TRUNCATED, 1).
+    // The caller holds the connection's mutex through the call, so the fetch reads its results.
+    int fetchFirst(const PsQuery& query, std::initializer_list<const std::string*> params,
+                   QueryResult& column);
     // Whether a query whose parameters are all strings yields a row (into a 256-byte buffer).
     bool hasRow(const PsQuery& query, std::initializer_list<const std::string*> params);
     // The single integer a query yields (0 for no row or NULL).

@@ -1,10 +1,8 @@
 #include "SessionDBSql.h"
 
 #include <cstdint>
-#include <new>
 
 #include "DBConnectorSql.h"
-#include "DBException.h"
 #include "FacetSupport.h"
 #include "QueryBindings.h"
 #include "Sql.h"
@@ -32,7 +30,7 @@ bool SessionDBSql::checkSession(const std::string& sessionId, const std::string&
     char signStat = 0;
     int16_t sessionPri = 0;
     uint16_t sessionLsy = 0;
-    try {
+    return withBindingMemory([&] {
         // Held through the fetch too, so a reconnect by another thread cannot close the
         // statement's connection under it.
         std::lock_guard<std::recursive_mutex> guard(connector().sql().mutex());
@@ -52,9 +50,7 @@ bool SessionDBSql::checkSession(const std::string& sessionId, const std::string&
         if (!priResult.isNull() && !priResult.isTruncated()) priority = sessionPri;
         if (!lsyResult.isNull() && !lsyResult.isTruncated()) flag = sessionLsy != 0;
         return true;
-    } catch (const std::bad_alloc&) {
-        throw DBException("Not enough memory");
-    }
+    });
 }
 
 }  // namespace db
