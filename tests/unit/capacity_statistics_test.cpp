@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <utime.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -154,6 +155,30 @@ TEST_F(MaintenanceWarnings, MoveTimeWarningNamesTheConfiguredAndTheNewDaysOncePe
     KSClock::advanceForTesting(kDay + 1);
     handler_->moveTimeWarning(mount, 11);
     EXPECT_EQ(sent().size(), 2u);
+}
+
+TEST_F(MaintenanceWarnings,
+       ADaysFirstRecordIsWrittenEvenWhenNegativeAndLaterOnesOnlyAddFreedSpace) {
+    TempTree var;
+    ScopedEnv varEnv("VAR", var.root().c_str());
+    KSMountPointHandler* mount = handler_->mounts()[0].get();
+    const std::string file = NightProperties::statisticsFile(mount->path());
+    auto recorded = [&] {
+        KSProperties p;
+        p.load(file.c_str());
+        const char* value = p.getProperty(day(0).c_str());
+        return value != nullptr ? strtod(value, nullptr) : -100.0;
+    };
+    const double used = mount->getUsedPercentage();
+
+    ::testing::internal::CaptureStdout();
+    handler_->writeCalcData(true, mount, used - 2.0);  // the mount grew
+    EXPECT_NEAR(recorded(), -2.0, 0.5);
+    handler_->writeCalcData(true, mount, used - 1.0);  // grew again: nothing recorded
+    EXPECT_NEAR(recorded(), -2.0, 0.5);
+    handler_->writeCalcData(true, mount, used + 3.0);  // 3 points freed
+    EXPECT_NEAR(recorded(), 1.0, 0.5);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "") << "logged, never printed";
 }
 
 }  // namespace

@@ -263,7 +263,12 @@ public:
     // when it needs no move, cannot be found or the move did not leave it there (any non-zero
     // moveRes result, a failed copy command's status included).
     char* unAge(kelp::db::DBConnector* connection, const char* resource);
+    // Records today's percent of `mount` freed since `usedBefore` in its statistics file
+    // (NightProperties.h): the day's first record always, later ones only when space was freed.
+    // Logged, never printed (`verbose` changes nothing). Without VAR: an error line, no record.
     void writeCalcData(bool verbose, KSMountPointHandler* mount, double usedBefore);
+    // Administrators' warnings through $KSADMIN_HOME/sendmessage.sh, at most one a day per
+    // subject, told by the time of a marker file in $TMP ("/tmp" when TMP is unset).
     void warnMoveTimeWarning(const char* action, const time_t* resourceTime);
     void moveTimeWarning(KSMountPointHandler* mount, int days);
     std::list<std::string>* getDeletedDirs() { return &deletedDirs_; }

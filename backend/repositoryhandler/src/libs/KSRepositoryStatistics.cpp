@@ -60,7 +60,7 @@ void sendAdminMessage(const std::string& message) {
 
 }  // namespace
 
-void KSRepositoryHandler::writeCalcData(bool verbose, KSMountPointHandler* mount,
+void KSRepositoryHandler::writeCalcData(bool /*verbose*/, KSMountPointHandler* mount,
                                         double usedBefore) {
     std::string today = NightProperties::dateText(KSClock::now());
     std::string file = NightProperties::statisticsFile(mount->path());
@@ -84,7 +84,6 @@ void KSRepositoryHandler::writeCalcData(bool verbose, KSMountPointHandler* mount
     }
     double freed = usedBefore - usedNow + previous;
     rh_logger.infoLog("Actual moved percent (for night management): %f", freed);
-    if (verbose) printf("Actual moved percent (for night management): %f\n", freed);
     std::ostringstream value;
     value << freed;
     statistics.setProperty(today.c_str(), value.str().c_str());
