@@ -91,6 +91,19 @@ TEST(ResourceMover, aDestinationThatIsTheOriginItselfLeavesEverythingInPlace) {
     EXPECT_EQ(log.countContaining("are the same directory"), 1);
 }
 
+TEST(ResourceMover, aLinkInsideTheResourceIsMovedAsALinkAndItsTargetIsNeverEntered) {
+    TempTree tree;
+    const std::string outside = tree.write("outside/f", "precious");
+    tree.write("m1/study1/a", "alpha");
+    tree.write("m2/study1/a", "alpha");  // an interrupted move copied the link already
+    symlink(tree.path("outside").c_str(), tree.path("m1/study1/shared").c_str());
+    symlink(tree.path("outside").c_str(), tree.path("m2/study1/shared").c_str());
+    EXPECT_EQ(move(tree.path("m1/study1"), tree.path("m2/study1")), 0);
+    EXPECT_FALSE(present(tree.path("m1/study1")));
+    EXPECT_EQ(TempTree::read(outside), "precious");
+    EXPECT_EQ(TempTree::read(tree.path("m2/study1/shared/f")), "precious");
+}
+
 TEST(ResourceMover, aPartialDestinationIsCompletedFromTheOrigin) {
     TempTree tree;
     tree.write("m1/study1/a", "alpha");

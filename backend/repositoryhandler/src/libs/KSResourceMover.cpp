@@ -49,16 +49,23 @@ void restoreTimes(const char* path, const struct stat& kept) {
     utime(path, &times);
 }
 
+bool isSymlink(const char* path) {
+    struct stat st;
+    return lstat(path, &st) == 0 && S_ISLNK(st.st_mode);
+}
+
 // True when destination names the very directory `origin` (one mount reached under two
 // paths): moving entry by entry would then remove every file as "already at the destination".
 // Directories cannot be hard-linked, so equal device and inode numbers mean the same directory.
-bool isSameDirectory(const struct stat& origin, const char* destination) {
-    struct stat st;
-    return S_ISDIR(origin.st_mode) && stat(destination, &st) == 0 && st.st_dev == origin.st_dev &&
-           st.st_ino == origin.st_ino;
+// An origin that is itself a link is not a directory here (see moveOntoExisting).
+bool isSameDirectory(const char* origin, const char* destination) {
+    struct stat own, other;
+    return lstat(origin, &own) == 0 && S_ISDIR(own.st_mode) && stat(destination, &other) == 0 &&
+           other.st_dev == own.st_dev && other.st_ino == own.st_ino;
 }
 
-// Destination exists and origin is a plain file: drop the origin only when both are equal.
+// Destination exists and origin is a plain file or a link: drop the origin only when both are
+// equal.
 int moveOntoExistingFile(const char* origin, const char* destination, bool verbose) {
     if (compareTrees(origin, destination) != 0) {
         const std::string message =
@@ -118,7 +125,10 @@ int moveOntoExisting(KSRepositoryHandler* repository, const char* origin, const 
         if (verbose) printf("Could not stat %s\n", origin);
         return RESOURCE_STATUS_ERRONEOUS;
     }
-    if (!isDirectory) return moveOntoExistingFile(origin, destination, verbose);
+    // A link is compared and dropped like a file: merging through it would move what it points
+    // at, which lies outside the resource.
+    if (!isDirectory || isSymlink(origin))
+        return moveOntoExistingFile(origin, destination, verbose);
     const int result = moveIntoExistingDirectory(repository, origin, destination, copy, copyParams,
                                                  shortName, repositoryName, verbose);
     if (result != 0) return result;
@@ -141,7 +151,7 @@ int moveRes(KSRepositoryHandler* repository, const char* origin, const char* des
     KS_ASSERT_NOT_NULL(destination, kAssertFile);
     struct stat kept = {};
     stat(origin, &kept);
-    if (isSameDirectory(kept, destination)) {
+    if (isSameDirectory(origin, destination)) {
         rh_logger.errorLog("The resource \"%s\" and \"%s\" are the same directory; it stays.",
                            origin, destination);
         return 0;

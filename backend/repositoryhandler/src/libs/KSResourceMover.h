@@ -10,7 +10,8 @@ class KSRepositoryHandler;
 // 0 success, 2 conflict (the destination holds a different copy), 8 failure, else the
 // result of mountRename. Throws KSAssertionException when the origin does not exist.
 // A destination that is the origin directory itself (reached by another path) is left alone,
-// logged, and answers 0.
+// logged, and answers 0. A symbolic link whose name exists at the destination is compared and
+// removed like a file; the directory it points at is never merged.
 int moveRes(KSRepositoryHandler* repository, const char* origin, const char* destination,
             KSMoveFunction copy, const char* copyParams, const char* callback,
             const char* shortName, const char* repositoryName, bool verbose);
