@@ -10,11 +10,13 @@
 #include <algorithm>
 #include <fstream>
 #include <list>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "ChildProcess.h"
+#include "ClockControl.h"
 #include "KSClock.h"
 #include "KSPathUtils.h"
 #include "KSProperties.h"
@@ -225,6 +227,27 @@ TEST_F(Overload, AResourceTouchedAfterGatheringIsNotDeleted) {
     std::list<std::string> gone = deleted();
     EXPECT_EQ(std::count(gone.begin(), gone.end(), at(0, "r1")), 0);
     EXPECT_FALSE(entryExists(at(0, "r2")));
+}
+
+TEST_F(Overload, ALockedResourceIsReportedAndSkippedNeverDeleted) {
+    makeRepository({{"isClearable", "true"}}, {{"moveLimit", "50"}, {"cleanLimit", "40"}});
+    for (int i = 0; i < 20; ++i) put(0, "r" + std::to_string(i), 40 - i);
+    ASSERT_EQ(lockResource_(repo_.path().c_str(), "r0", nullptr), 1);
+    std::unique_ptr<char[]> id(toResourceID(repo_.path().c_str(), "r0"));
+    ClockGuard clock;
+    KSClock::setVirtualSleepForTesting(true);  // the 30 s wait for the lock passes at once
+    SyslogCapture log;
+
+    checkOverload();
+
+    EXPECT_GE(
+        log.countContaining("The resource \"" + std::string(id.get()) + "\" could not be locked."),
+        1);
+    EXPECT_TRUE(entryExists(at(0, "r0")));
+    std::list<std::string> gone = deleted();
+    EXPECT_EQ(std::count(gone.begin(), gone.end(), at(0, "r0")), 0);
+    EXPECT_FALSE(entryExists(at(0, "r1")));
+    EXPECT_LT(used(0), 40.0);
 }
 
 TEST_F(Overload, DeadMountOnlyLogsThatItIsUnmountedAndGetsNoStatistics) {

@@ -20,31 +20,26 @@
 
 namespace {
 
-std::string timeText(int64_t seconds) {
-    time_t t = static_cast<time_t>(seconds);
-    char buffer[64];
-    if (ctime_r(&t, buffer) == nullptr) return "?\n";
-    return buffer;
-}
-
 void logMove(KSRepositoryHandler& repository, const CandidateMove& how, const ResourceEntry& entry,
              const std::string& destination) {
     const char* from = entry.path.c_str();
     const char* to = destination.c_str();
-    std::string when = timeText(entry.time);
     switch (how.actor) {
-        case MoveActor::CheckOverload:
+        case MoveActor::CheckOverload: {
+            const std::string when = timeStampText(entry.time);
             rh_logger.operInfoLog("checkoverload system - - - - - - - - - - - moves+%s+to+%s", from,
                                   to);
             rh_logger.infoLog("CheckOverload moves %s to %s", from, to);
             rh_logger.infoLog("CheckOverload: Last access/modification time of the resource: %s",
                               when.c_str());
+            warnIfRecentlyUsed(repository, "moved", entry.time);
             if (how.verbose) {
                 printf("CheckOverload moves %s to %s\n", from, to);
                 printf("CheckOverload: Last access/modification time of the resource: %s\n",
                        when.c_str());
             }
-            break;
+            return;
+        }
         case MoveActor::EmptyMount:
             rh_logger.infoLog("EmptyMount moves %s to %s", from, to);
             if (how.verbose) printf("EmptyMount moves %s to %s\n", from, to);
@@ -53,9 +48,6 @@ void logMove(KSRepositoryHandler& repository, const CandidateMove& how, const Re
             rh_logger.infoLog("unAge moves %s to %s", from, to);
             return;
     }
-    time_t t = static_cast<time_t>(entry.time);
-    if (t > KSClock::now() - static_cast<time_t>(repository.settings().warnmoveTime))
-        repository.warnMoveTimeWarning("moved", &t);
 }
 
 // Leaves the dirty mark only where two copies (or a half one) may remain.
@@ -68,6 +60,19 @@ void settleDirtyMark(KSRepositoryHandler& repository, const CandidateMove& how,
 }
 
 }  // namespace
+
+std::string timeStampText(int64_t seconds) {
+    time_t t = static_cast<time_t>(seconds);
+    char buffer[64];
+    if (ctime_r(&t, buffer) == nullptr) return "?\n";
+    return buffer;
+}
+
+void warnIfRecentlyUsed(KSRepositoryHandler& repository, const char* action, int64_t seconds) {
+    time_t t = static_cast<time_t>(seconds);
+    if (t > KSClock::now() - static_cast<time_t>(repository.settings().warnmoveTime))
+        repository.warnMoveTimeWarning(action, &t);
+}
 
 unsigned long long resourceBytes(const std::string& path) {
     struct stat st;
@@ -83,15 +88,8 @@ unsigned long long resourceBytes(const std::string& path) {
 
 CandidateMoveResult moveCandidate(KSRepositoryHandler& repository, const CandidateMove& how,
                                   const ResourceEntry& entry, KSMountPointHandler& target) {
-    std::unique_ptr<char[]> id(toResourceID(repository.path().c_str(), entry.name.c_str()));
-    KSTimedLock lock(repository.settings().isShared, id ? id.get() : "", how.connection);
-    if (!lock.acquire()) {
-        std::string text =
-            std::string("The resource \"") + (id ? id.get() : "") + "\" could not be locked.";
-        if (how.verbose) puts(text.c_str());
-        rh_logger.errorLog("%s", text.c_str());
-        return CandidateMoveResult::Refused;
-    }
+    KSTimedLock lock(repository.settings().isShared, repository.path(), entry.name, how.connection);
+    if (!lock.acquire(how.verbose)) return CandidateMoveResult::Refused;
     if (!exists(entry.path.c_str())) return CandidateMoveResult::Vanished;
     if (how.checkTime && lastAccess(entry.path.c_str(), nullptr) != entry.time) {
         if (how.verbose) printf("Resource touched while checking: %s\n", entry.path.c_str());

@@ -10,6 +10,7 @@
 // next lookup searches every mount and merges or reports a conflict instead of answering with
 // a half-written copy.
 
+#include <cstdint>
 #include <string>
 
 #include "ResourceEntry.h"
@@ -50,6 +51,13 @@ struct CandidateMove {
 
 // Bytes held by the files below `path` (a file: its own size); links are not followed.
 unsigned long long resourceBytes(const std::string& path);
+
+// The ctime text of a candidate's time stamp, with its trailing newline.
+std::string timeStampText(int64_t seconds);
+
+// Sends the administrators' warning (KSRepositoryHandler::warnMoveTimeWarning) with `action`
+// ("purged", "moved") when `seconds` lies within the repository's warnmoveTime of now.
+void warnIfRecentlyUsed(KSRepositoryHandler& repository, const char* action, int64_t seconds);
 
 // Moves `entry` (a resource on some mount of `repository`) to `target`. Never throws for file
 // system trouble; database exceptions of the dirty set and the lock pass through.

@@ -37,13 +37,6 @@ void say(bool verbose, const char* text) {
     if (verbose) puts(text);
 }
 
-std::string timeText(int64_t seconds) {
-    time_t t = static_cast<time_t>(seconds);
-    char buffer[64];
-    if (ctime_r(&t, buffer) == nullptr) return "?\n";
-    return buffer;
-}
-
 }  // namespace
 
 // Only async-signal-safe work here: syslog takes a lock that the interrupted thread may hold,
@@ -326,22 +319,15 @@ bool KSOverloadRun::deleteForRoom(KSMountPointHandler& mount, ResourceSet& globa
 KSOverloadRun::Deletion KSOverloadRun::deleteCandidate(const ResourceEntry& entry,
                                                        KSMountPointHandler& mount, bool oldEnough) {
     const KSRepositoryHandler::Settings& settings = repo_.settings();
-    std::unique_ptr<char[]> id(toResourceID(repo_.path().c_str(), entry.name.c_str()));
-    KSTimedLock lock(settings.isShared, id ? id.get() : "", connection_);
-    if (!lock.acquire()) {
-        std::string text =
-            std::string("The resource \"") + (id ? id.get() : "") + "\" could not be locked.";
-        say(verbose_, text.c_str());
-        rh_logger.errorLog("%s", text.c_str());
-        return Deletion::Refused;
-    }
+    KSTimedLock lock(settings.isShared, repo_.path(), entry.name, connection_);
+    if (!lock.acquire(verbose_)) return Deletion::Refused;
     // Gathering took no lock: a resource read or written since then is not deleted.
     if (lastAccess(entry.path.c_str(), nullptr) != entry.time) {
         if (verbose_) printf("Resource touched while checking: %s\n", entry.path.c_str());
         return Deletion::Touched;
     }
     const char* path = entry.path.c_str();
-    const std::string when = timeText(entry.time);
+    const std::string when = timeStampText(entry.time);
     if (oldEnough) {
         rh_logger.infoLog(
             "CheckOverload (mount's old enough) deletes resource: %s when cleaning "
@@ -357,9 +343,7 @@ KSOverloadRun::Deletion KSOverloadRun::deleteCandidate(const ResourceEntry& entr
         rh_logger.infoLog("CheckOverload: Last access/modification time of the resource: %s",
                           when.c_str());
     }
-    time_t t = static_cast<time_t>(entry.time);
-    if (t > KSClock::now() - static_cast<time_t>(settings.warnmoveTime))
-        repo_.warnMoveTimeWarning("purged", &t);
+    warnIfRecentlyUsed(repo_, "purged", entry.time);
     if (verbose_ && !oldEnough) {
         printf("Deleting resource: %s\n", path);
         printf("Last access/modification time of the resource: %s\n", when.c_str());

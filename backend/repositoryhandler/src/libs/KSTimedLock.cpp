@@ -1,46 +1,35 @@
 #include "KSTimedLock.h"
 
+#include <cstdio>
 #include <exception>
+#include <memory>
 
 #include "KSException.h"
 #include "KSLogger.h"
-#include "KSSemaphore.h"
-#include "KSSemaphoreGlobal.h"
+#include "KSPathUtils.h"
 
-namespace {
-constexpr int kTimeoutMs = 30000;
-constexpr float kInitialDelayMs = 10.0f;
-constexpr float kGrowth = 1.5f;
-constexpr float kMaxDelayMs = 1000.0f;
-constexpr float kJitter = 0.4f;
-}  // namespace
+std::string KSTimedLock::lockId(const std::string& repository, const std::string& resource) {
+    std::unique_ptr<char[]> id(toResourceID(repository.c_str(), resource.c_str()));
+    return id ? id.get() : "";
+}
 
-KSTimedLock::KSTimedLock(bool global, const std::string& id, kelp::db::DBConnector* connector) {
-    if (global)
-        semaphore_ = std::make_unique<KSSemaphoreGlobal>(id, connector);
-    else
-        semaphore_ = std::make_unique<KSSemaphore>(id);
+KSTimedLock::KSTimedLock(bool global, const std::string& repository, const std::string& resource,
+                         kelp::db::DBConnector* connector)
+    : id_(lockId(repository, resource)), semaphore_(global, id_.c_str(), connector) {
     // The release is ours (release()), so that its errors are logged rather than lost.
-    semaphore_->setReleaseOnDestruction(false);
+    if (semaphore_.semaphore() != nullptr) semaphore_.semaphore()->setReleaseOnDestruction(false);
 }
 
 KSTimedLock::~KSTimedLock() {
     release();
 }
 
-bool KSTimedLock::acquire() {
-    try {
-        held_ = semaphore_->lock_ms(kTimeoutMs, kInitialDelayMs, kGrowth, kMaxDelayMs, kJitter);
-    } catch (const KSException& e) {
-        rh_logger.errorLog("SmartSemaphore.lock() : KSException caught: '%s' (%d)",
-                           e.getMessage().c_str(), e.getCode());
-        held_ = false;
-    } catch (const std::exception& e) {
-        rh_logger.errorLog("SmartSemaphore.lock() : std::exception caught: '%s'", e.what());
-        held_ = false;
-    } catch (...) {
-        rh_logger.errorLog("SmartSemaphore.lock() : unknown exception caught");
-        held_ = false;
+bool KSTimedLock::acquire(bool verbose) {
+    held_ = semaphore_.lock();
+    if (!held_) {
+        const std::string text = "The resource \"" + id_ + "\" could not be locked.";
+        if (verbose) puts(text.c_str());
+        rh_logger.errorLog("%s", text.c_str());
     }
     return held_;
 }
@@ -49,7 +38,7 @@ void KSTimedLock::release() {
     if (!held_) return;
     held_ = false;
     try {
-        semaphore_->unlock();
+        semaphore_.unlock();
     } catch (const KSException& e) {
         rh_logger.errorLog("SmartSemaphore.unlock() : KSException caught: '%s' (%d)",
                            e.getMessage().c_str(), e.getCode());
