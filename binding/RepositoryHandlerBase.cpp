@@ -174,6 +174,26 @@ jstring textResult(JNIEnv* env, char* text) {
     return toJavaString(env, owned.get());
 }
 
+// Every conversion of the native's Java strings succeeded (a failed one left an
+// OutOfMemoryError pending for the caller).
+template <typename... Strings>
+bool converted(const Strings&... strings) {
+    return (!strings.failed() && ...);
+}
+
+// The catch-all around one C call: `failure` when a Java string could not be converted, or when
+// the call throws, which is logged as `message` with `texts` in place of its %s.
+template <typename Result, typename Call, typename... Texts>
+Result guarded(Result failure, bool ready, Call&& call, const char* message, Texts... texts) {
+    if (!ready) return failure;
+    try {
+        return call();
+    } catch (...) {
+        rh_logger.errorLog(message, texts...);
+        return failure;
+    }
+}
+
 }  // namespace
 
 extern "C" {
@@ -207,276 +227,236 @@ JNIEXPORT jobject JNICALL Java_quorra_repohandler_RepositoryHandlerBase_createDi
     JNIEnv* env, jobject, jstring repository, jstring resource, jboolean flag1, jboolean flag2,
     jboolean flag3, jlong db) {
     JStringUtf repo(env, repository), res(env, resource);
-    if (repo.failed() || res.failed()) return nullptr;
-    try {
-        int status = 0, second = 0;
-        char* path = createDirectory_(repo.get(), res.get(), &status, &second, toBool(flag1),
-                                      toBool(flag2), toBool(flag3), toConnector(db));
-        return locationResult(env, path, status, second);
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in createDirectory_(%s, %s)", repo.text(),
-                           res.text());
-        return nullptr;
-    }
+    return guarded<jobject>(
+        nullptr, converted(repo, res),
+        [&] {
+            int status = 0, second = 0;
+            char* path = createDirectory_(repo.get(), res.get(), &status, &second, toBool(flag1),
+                                          toBool(flag2), toBool(flag3), toConnector(db));
+            return locationResult(env, path, status, second);
+        },
+        "An exception was caught in createDirectory_(%s, %s)", repo.text(), res.text());
 }
 
 JNIEXPORT jobject JNICALL Java_quorra_repohandler_RepositoryHandlerBase_createLocationNative(
     JNIEnv* env, jobject, jstring repository, jstring resource, jboolean noDirty, jlong db) {
     JStringUtf repo(env, repository), res(env, resource);
-    if (repo.failed() || res.failed()) return nullptr;
-    try {
-        int status = 0, existed = 0;
-        char* path = createLocation_(repo.get(), res.get(), &status, &existed, toBool(noDirty),
-                                     toConnector(db));
-        return locationResult(env, path, status, existed);
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in createLocation_(%s, %s)", repo.text(),
-                           res.text());
-        return nullptr;
-    }
+    return guarded<jobject>(
+        nullptr, converted(repo, res),
+        [&] {
+            int status = 0, existed = 0;
+            char* path = createLocation_(repo.get(), res.get(), &status, &existed, toBool(noDirty),
+                                         toConnector(db));
+            return locationResult(env, path, status, existed);
+        },
+        "An exception was caught in createLocation_(%s, %s)", repo.text(), res.text());
 }
 
 JNIEXPORT jobject JNICALL Java_quorra_repohandler_RepositoryHandlerBase_getLocationNative(
     JNIEnv* env, jobject, jstring repository, jstring resource, jboolean touch, jboolean lock,
     jboolean useCallback, jboolean onlyIfDirty, jlong db) {
     JStringUtf repo(env, repository), res(env, resource);
-    if (repo.failed() || res.failed()) return nullptr;
-    try {
-        int status = 0;
-        char* path = getLocation_(repo.get(), res.get(), &status, toBool(touch), toBool(lock),
-                                  toBool(useCallback), toBool(onlyIfDirty), toConnector(db));
-        return locationResult(env, path, status, 1);
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in getLocation_(%s, %s)", repo.text(),
-                           res.text());
-        return nullptr;
-    }
+    return guarded<jobject>(
+        nullptr, converted(repo, res),
+        [&] {
+            int status = 0;
+            char* path = getLocation_(repo.get(), res.get(), &status, toBool(touch), toBool(lock),
+                                      toBool(useCallback), toBool(onlyIfDirty), toConnector(db));
+            return locationResult(env, path, status, 1);
+        },
+        "An exception was caught in getLocation_(%s, %s)", repo.text(), res.text());
 }
 
 JNIEXPORT jobject JNICALL Java_quorra_repohandler_RepositoryHandlerBase_getLocationOnMountNative(
     JNIEnv* env, jobject, jstring repository, jstring resource, jstring mount, jboolean lock,
     jboolean touch, jlong db) {
     JStringUtf repo(env, repository), res(env, resource), mnt(env, mount);
-    if (repo.failed() || res.failed() || mnt.failed()) return nullptr;
-    try {
-        int status = 0;
-        char* path = getLocationOnMount_(repo.get(), res.get(), mnt.get(), &status, toBool(lock),
-                                         toConnector(db), toBool(touch));
-        return locationResult(env, path, status, 1);
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in getLocationOnMount_(%s, %s, %s)",
-                           repo.text(), res.text(), mnt.text());
-        return nullptr;
-    }
+    return guarded<jobject>(
+        nullptr, converted(repo, res, mnt),
+        [&] {
+            int status = 0;
+            char* path = getLocationOnMount_(repo.get(), res.get(), mnt.get(), &status,
+                                             toBool(lock), toConnector(db), toBool(touch));
+            return locationResult(env, path, status, 1);
+        },
+        "An exception was caught in getLocationOnMount_(%s, %s, %s)", repo.text(), res.text(),
+        mnt.text());
 }
 
 JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_getRepositoryStatusNative(
     JNIEnv* env, jobject, jstring repository, jlong db) {
     JStringUtf repo(env, repository);
-    if (repo.failed()) return -1;
-    try {
-        return getRepositoryStatus_(repo.get(), toConnector(db));
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in checkRepositoryStatus_(%s)", repo.text());
-        return -1;
-    }
+    return guarded<jint>(
+        -1, converted(repo), [&] { return getRepositoryStatus_(repo.get(), toConnector(db)); },
+        "An exception was caught in checkRepositoryStatus_(%s)", repo.text());
 }
 
 JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_checkResourceStatusNative(
     JNIEnv* env, jobject, jstring repository, jstring resource, jlong db) {
     JStringUtf repo(env, repository), res(env, resource);
-    if (repo.failed() || res.failed()) return -1;
-    try {
-        return checkResourceStatus_(repo.get(), res.get(), toConnector(db));
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in checkResourceStatus_(%s, %s)", repo.text(),
-                           res.text());
-        return -1;
-    }
+    return guarded<jint>(
+        -1, converted(repo, res),
+        [&] { return checkResourceStatus_(repo.get(), res.get(), toConnector(db)); },
+        "An exception was caught in checkResourceStatus_(%s, %s)", repo.text(), res.text());
 }
 
 JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_removeResourceNative(
     JNIEnv* env, jobject, jstring repository, jstring resource, jboolean lock, jboolean useCallback,
     jlong db) {
     JStringUtf repo(env, repository), res(env, resource);
-    if (repo.failed() || res.failed()) return -1;
-    try {
-        return removeResource_(repo.get(), res.get(), toBool(lock), toBool(useCallback),
-                               toConnector(db));
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in removeResource_(%s, %s)", repo.text(),
-                           res.text());
-        return -1;
-    }
+    return guarded<jint>(
+        -1, converted(repo, res),
+        [&] {
+            return removeResource_(repo.get(), res.get(), toBool(lock), toBool(useCallback),
+                                   toConnector(db));
+        },
+        "An exception was caught in removeResource_(%s, %s)", repo.text(), res.text());
 }
 
+// Operators search the logs for the text of removeResource_, so the mount variant keeps it.
 JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_removeResourceOnMountNative(
     JNIEnv* env, jobject, jstring repository, jstring resource, jstring mount, jboolean lock,
     jboolean useCallback, jlong db) {
     JStringUtf repo(env, repository), res(env, resource), mnt(env, mount);
-    if (repo.failed() || res.failed() || mnt.failed()) return -1;
-    try {
-        return removeResourceOnMount_(repo.get(), res.get(), mnt.get(), toBool(lock),
-                                      toBool(useCallback), toConnector(db));
-    } catch (...) {
-        // Operators search the logs for this text, so the mount variant keeps it.
-        rh_logger.errorLog("An exception was caught in removeResource_(%s, %s)", repo.text(),
-                           res.text());
-        return -1;
-    }
+    return guarded<jint>(
+        -1, converted(repo, res, mnt),
+        [&] {
+            return removeResourceOnMount_(repo.get(), res.get(), mnt.get(), toBool(lock),
+                                          toBool(useCallback), toConnector(db));
+        },
+        "An exception was caught in removeResource_(%s, %s)", repo.text(), res.text());
 }
 
 JNIEXPORT jobjectArray JNICALL Java_quorra_repohandler_RepositoryHandlerBase_listFilesNative(
     JNIEnv* env, jobject, jstring repository, jboolean flag, jlong db) {
     JStringUtf repo(env, repository);
-    if (repo.failed()) return nullptr;
-    try {
-        long count = 0;
-        char** list = listFiles_(repo.get(), &count, toBool(flag), toConnector(db));
-        return toJavaStringArray(env, CTextList(list, count));
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in listFiles_(%s)", repo.text());
-        return nullptr;
-    }
+    return guarded<jobjectArray>(
+        nullptr, converted(repo),
+        [&] {
+            long count = 0;
+            char** list = listFiles_(repo.get(), &count, toBool(flag), toConnector(db));
+            return toJavaStringArray(env, CTextList(list, count));
+        },
+        "An exception was caught in listFiles_(%s)", repo.text());
 }
 
 JNIEXPORT jobjectArray JNICALL Java_quorra_repohandler_RepositoryHandlerBase_listDirsNative(
     JNIEnv* env, jobject, jstring repository, jboolean flag, jlong db) {
     JStringUtf repo(env, repository);
-    if (repo.failed()) return nullptr;
-    try {
-        long count = 0;
-        char** list = listDirs_(repo.get(), &count, toBool(flag), toConnector(db));
-        return toJavaStringArray(env, CTextList(list, count));
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in listDirs_(%s)", repo.text());
-        return nullptr;
-    }
+    return guarded<jobjectArray>(
+        nullptr, converted(repo),
+        [&] {
+            long count = 0;
+            char** list = listDirs_(repo.get(), &count, toBool(flag), toConnector(db));
+            return toJavaStringArray(env, CTextList(list, count));
+        },
+        "An exception was caught in listDirs_(%s)", repo.text());
 }
 
 JNIEXPORT jlongArray JNICALL Java_quorra_repohandler_RepositoryHandlerBase_getTimePropertiesNative(
     JNIEnv* env, jobject, jstring repository, jstring resource, jlong db) {
     JStringUtf repo(env, repository), res(env, resource);
-    if (repo.failed() || res.failed()) return nullptr;
-    try {
-        struct utimbuf times = {};
-        if (!getTimeProperties_(repo.get(), res.get(), &times, toConnector(db))) return nullptr;
-        const jlong values[2] = {static_cast<jlong>(times.actime),
-                                 static_cast<jlong>(times.modtime)};
-        jlongArray result = env->NewLongArray(2);
-        if (result) env->SetLongArrayRegion(result, 0, 2, values);
-        return result;
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in getTimeProperties_(%s, %s)", repo.text(),
-                           res.text());
-        return nullptr;
-    }
+    return guarded<jlongArray>(
+        nullptr, converted(repo, res),
+        [&]() -> jlongArray {
+            struct utimbuf times = {};
+            if (!getTimeProperties_(repo.get(), res.get(), &times, toConnector(db))) return nullptr;
+            const jlong values[2] = {static_cast<jlong>(times.actime),
+                                     static_cast<jlong>(times.modtime)};
+            jlongArray result = env->NewLongArray(2);
+            if (result) env->SetLongArrayRegion(result, 0, 2, values);
+            return result;
+        },
+        "An exception was caught in getTimeProperties_(%s, %s)", repo.text(), res.text());
 }
 
 JNIEXPORT void JNICALL Java_quorra_repohandler_RepositoryHandlerBase_setTimePropertiesNative(
     JNIEnv* env, jobject, jstring repository, jstring resource, jlongArray times, jlong db) {
     JStringUtf repo(env, repository), res(env, resource);
-    if (repo.failed() || res.failed()) return;
-    try {
-        if (!times || env->GetArrayLength(times) < 2) {
-            throw std::invalid_argument("times needs an access and a modification time");
-        }
-        jlong values[2] = {};
-        env->GetLongArrayRegion(times, 0, 2, values);
-        struct utimbuf converted = {static_cast<time_t>(values[0]), static_cast<time_t>(values[1])};
-        setTimeProperties_(repo.get(), res.get(), &converted, toConnector(db));
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in setTimeProperties_(%s, %s)", repo.text(),
-                           res.text());
-    }
+    guarded<bool>(
+        false, converted(repo, res),
+        [&] {
+            if (!times || env->GetArrayLength(times) < 2)
+                throw std::invalid_argument("times needs an access and a modification time");
+            jlong values[2] = {};
+            env->GetLongArrayRegion(times, 0, 2, values);
+            struct utimbuf utimes = {static_cast<time_t>(values[0]),
+                                     static_cast<time_t>(values[1])};
+            return setTimeProperties_(repo.get(), res.get(), &utimes, toConnector(db));
+        },
+        "An exception was caught in setTimeProperties_(%s, %s)", repo.text(), res.text());
 }
 
 JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_lockResourceNative(
     JNIEnv* env, jobject, jstring repository, jstring resource, jlong db) {
     JStringUtf repo(env, repository), res(env, resource);
-    if (repo.failed() || res.failed()) return 0;
-    try {
-        return lockResource_(repo.get(), res.get(), toConnector(db));
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in lockResource_(%s, %s)", repo.text(),
-                           res.text());
-        return 0;
-    }
+    return guarded<jint>(
+        0, converted(repo, res),
+        [&] { return lockResource_(repo.get(), res.get(), toConnector(db)); },
+        "An exception was caught in lockResource_(%s, %s)", repo.text(), res.text());
 }
 
 JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_unlockResourceNative(
     JNIEnv* env, jobject, jstring repository, jstring resource, jlong db) {
     JStringUtf repo(env, repository), res(env, resource);
-    if (repo.failed() || res.failed()) return 0;
-    try {
-        return unlockResource_(repo.get(), res.get(), toConnector(db));
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in unlockResource_(%s, %s)", repo.text(),
-                           res.text());
-        return 0;
-    }
+    return guarded<jint>(
+        0, converted(repo, res),
+        [&] { return unlockResource_(repo.get(), res.get(), toConnector(db)); },
+        "An exception was caught in unlockResource_(%s, %s)", repo.text(), res.text());
 }
 
 JNIEXPORT jint JNICALL Java_quorra_repohandler_RepositoryHandlerBase_isDirtyNative(
     JNIEnv* env, jobject, jstring repository, jstring resource, jlong db) {
     JStringUtf repo(env, repository), res(env, resource);
-    if (repo.failed() || res.failed()) return 0;
-    try {
-        return isDirty_(repo.get(), res.get(), toConnector(db));
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in isDirty_(%s, %s)", repo.text(), res.text());
-        return 0;
-    }
+    return guarded<jint>(
+        0, converted(repo, res), [&] { return isDirty_(repo.get(), res.get(), toConnector(db)); },
+        "An exception was caught in isDirty_(%s, %s)", repo.text(), res.text());
 }
 
 JNIEXPORT void JNICALL Java_quorra_repohandler_RepositoryHandlerBase_setDirtyNative(
     JNIEnv* env, jobject, jstring repository, jstring resource, jboolean dirty, jlong db) {
     JStringUtf repo(env, repository), res(env, resource);
-    if (repo.failed() || res.failed()) return;
-    try {
-        setDirty_(repo.get(), res.get(), toBool(dirty), toConnector(db));
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in setDirty_(%s, %s, %s)", repo.text(),
-                           res.text(), toBool(dirty) ? "true" : "false");
-    }
+    guarded<bool>(
+        false, converted(repo, res),
+        [&] {
+            setDirty_(repo.get(), res.get(), toBool(dirty), toConnector(db));
+            return true;
+        },
+        "An exception was caught in setDirty_(%s, %s, %s)", repo.text(), res.text(),
+        toBool(dirty) ? "true" : "false");
 }
 
 JNIEXPORT jstring JNICALL Java_quorra_repohandler_RepositoryHandlerBase_getMountPathNative(
     JNIEnv* env, jobject, jstring repository, jstring directory, jlong db) {
     JStringUtf repo(env, repository), dir(env, directory);
-    if (repo.failed() || dir.failed()) return nullptr;
-    try {
-        return textResult(env, getMountPathForDirectory_(repo.get(), dir.get(), toConnector(db)));
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in getMountPathForDirectory_(%s, %s)",
-                           repo.text(), dir.text());
-        return nullptr;
-    }
+    return guarded<jstring>(
+        nullptr, converted(repo, dir),
+        [&] {
+            return textResult(env,
+                              getMountPathForDirectory_(repo.get(), dir.get(), toConnector(db)));
+        },
+        "An exception was caught in getMountPathForDirectory_(%s, %s)", repo.text(), dir.text());
 }
 
 JNIEXPORT jstring JNICALL Java_quorra_repohandler_RepositoryHandlerBase_unAgeNative(
     JNIEnv* env, jobject, jstring repository, jstring resource, jlong db) {
     JStringUtf repo(env, repository), res(env, resource);
-    if (repo.failed() || res.failed()) return nullptr;
-    try {
-        return textResult(env, unAge_(repo.get(), res.get(), toConnector(db)));
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in unAge_(%s, %s)", repo.text(), res.text());
-        return nullptr;
-    }
+    return guarded<jstring>(
+        nullptr, converted(repo, res),
+        [&] { return textResult(env, unAge_(repo.get(), res.get(), toConnector(db))); },
+        "An exception was caught in unAge_(%s, %s)", repo.text(), res.text());
 }
 
 JNIEXPORT jstring JNICALL Java_quorra_repohandler_RepositoryHandlerBase_normalizeFileNameNative(
     JNIEnv* env, jobject, jstring path) {
     JStringUtf text(env, path);
-    if (text.failed()) return nullptr;
-    try {
-        MallocText normalized(normalize_file_name(text.get()));
-        return toJavaString(env, normalized.get());
-    } catch (...) {
-        rh_logger.errorLog("An exception was caught in normalize_file_name(%s)", text.text());
-        return nullptr;
-    }
+    return guarded<jstring>(
+        nullptr, converted(text),
+        [&] {
+            MallocText normalized(normalize_file_name(text.get()));
+            return toJavaString(env, normalized.get());
+        },
+        "An exception was caught in normalize_file_name(%s)", text.text());
 }
 
 }  // extern "C"
