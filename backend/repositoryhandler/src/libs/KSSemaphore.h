@@ -9,13 +9,14 @@
 class KSSemaphore {
   public:
     explicit KSSemaphore(const std::string& name);
-    // Releases a held lock when release-on-destruction is set; never throws.
-    virtual ~KSSemaphore();
     KSSemaphore(const KSSemaphore&) = delete;
     KSSemaphore& operator=(const KSSemaphore&) = delete;
 
     // One attempt. false when somebody else holds it; KSIOException on any other error.
+    // Declared first so that it takes the class's first virtual slot.
     virtual bool lockResource();
+    // Releases a held lock when release-on-destruction is set; never throws.
+    virtual ~KSSemaphore();
     // Random steps of 10..989 ms for at most `seconds` (0: for ever); KSTimeoutException after.
     bool lock(int seconds);
     // Growing, jittered steps within `timeoutMs` (0: no budget); KSTimeoutException when the
