@@ -20,13 +20,8 @@ int KSRepositoryHandler::lockResource(kelp::db::DBConnector* connection, const c
     std::unique_ptr<char[]> id(toResourceID(path_.c_str(), resource));
     SmartSemaphore semaphore(settings_.isShared, id.get(), connection);
     semaphore.semaphore()->setReleaseOnDestruction(false);
-    bool locked = false;
-    try {
-        locked = semaphore.lock();
-    } catch (const KSException&) {
-        locked = false;
-    }
-    if (locked) return 1;
+    // SmartSemaphore::lock logs and answers false for every failure, the time-out included.
+    if (semaphore.lock()) return 1;
     rh_logger.errorLog("The resource \"%s\" could not be locked.", id.get());
     return 0;
 }
