@@ -99,7 +99,7 @@ TEST(SemaphoreTest, withoutLockVarTheLockFileLiesInTheWorkingDirectory) {
     EXPECT_FALSE(fs::exists(dir.root() + "/semaphore_here"));
 }
 
-TEST(SemaphoreTest, unusableLockDirectoryThrowsWithErrnoAndSmartSemaphoreReportsFalse) {
+TEST(SemaphoreTest, unusableLockFileThrowsWithErrnoAndSmartSemaphoreReportsFalse) {
     TempTree dir;
     const std::string missing = dir.root() + "/missing";
     ScopedEnv env("LOCK_VAR", missing.c_str());
@@ -110,6 +110,14 @@ TEST(SemaphoreTest, unusableLockDirectoryThrowsWithErrnoAndSmartSemaphoreReports
     } catch (const KSIOException& e) {
         EXPECT_EQ(ENOENT, e.getCode());
         EXPECT_EQ("Creating semaphore failed: n [No such file or directory]", e.getMessage());
+    }
+    semaphore.setLocked(true);  // a lock file that is gone cannot be released either
+    try {
+        semaphore.unlock();
+        FAIL() << "no exception";
+    } catch (const KSIOException& e) {
+        EXPECT_EQ(ENOENT, e.getCode());
+        EXPECT_EQ("Releasing semaphore failed: n [No such file or directory]", e.getMessage());
     }
 
     SyslogCapture syslog;
