@@ -143,8 +143,17 @@ MYSQL* Sql::openHandle(const char* host, unsigned int port, const char* unixSock
     // Reconnecting silently would lose prepared statements behind the connector's back.
     MysqlFlag reconnect = 0;
     mysql_options(handle, MYSQL_OPT_RECONNECT, &reconnect);
-    return connectWithRetryEx(handle, host, user_.c_str(), nullptr, database_.c_str(), port,
-                              unixSocket, CLIENT_FOUND_ROWS);
+    try {
+        return connectWithRetryEx(handle, host, user_.c_str(), nullptr, database_.c_str(), port,
+                                  unixSocket, CLIENT_FOUND_ROWS);
+    } catch (const SqlException&) {
+        throw;  // every attempt failed, and connectWithRetryEx closed the handle
+    } catch (...) {
+        // Without CONF the retry settings cannot be found and connectWithRetryEx leaves the handle
+        // it was given open; it was made here, so it is closed here.
+        mysql_close(handle);
+        throw;
+    }
 }
 
 MYSQL* Sql::connectWithRetryEx(MYSQL* handle, const char* host, const char* user,

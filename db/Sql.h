@@ -36,11 +36,11 @@ class Sql {
     // A new open connection owned by the caller, bound to this object's mutex. Throws
     // SqlException: code 0 for environment and client-library errors, the MySQL error number
     // when every connect attempt failed (see connectWithRetryEx). A failed first attempt with
-    // CONF unset throws std::logic_error instead, leaving the client handle unclosed.
+    // CONF unset throws std::logic_error instead, at once (the client handle is closed).
     std::unique_ptr<SqlConnection> getConnectionEx();
 
     // A connected client handle over the unix socket / over TCP, owned by the caller (close it
-    // with mysql_close). Throws as getConnectionEx.
+    // with mysql_close). Throws as getConnectionEx; no handle is left open when it throws.
     MYSQL* connectUnixPortEx();
     MYSQL* connectTCPEx();
 
