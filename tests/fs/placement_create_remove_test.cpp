@@ -104,7 +104,8 @@ TEST_F(PlacementCreateRemove, NewResourcesAreDirtyWhileAMountIsDeadUnlessNoDirty
     ASSERT_EQ(MountUnmount_(repo_.path().c_str(), 1, false, nullptr), 0);
 
     int status = -1, existed = -1;
-    EXPECT_EQ(create("s1", &status, &existed), resourceLocation(repo_.mountPath(0), "s1"));
+    // A leading slash is dropped: the resource is s1, and s1 is marked dirty.
+    EXPECT_EQ(create("/s1", &status, &existed), resourceLocation(repo_.mountPath(0), "s1"));
     EXPECT_EQ(status, 1);
     EXPECT_TRUE(dirty("s1"));
 
