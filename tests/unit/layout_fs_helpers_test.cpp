@@ -183,6 +183,10 @@ TEST(LayoutFsHelpers, clearEmptyHashRemovesEmptyLevelsOnlyAfterTheResourceIsGone
     tree.mkdir("n/AB/CD/EF");
     clearEmptyHash(tree.path("n/AB/CD/EF/gone/").c_str());
     EXPECT_TRUE(present(tree.path("n/AB/CD/EF"))) << "a trailing slash stops at once";
+
+    const std::string file = tree.write("f/AB/CD/EF", "not a hash level");
+    clearEmptyHash(tree.path("f/AB/CD/EF/name").c_str());
+    EXPECT_EQ(TempTree::read(file), "not a hash level") << "only directories are removed";
 }
 
 TEST(LayoutFsHelpers, touchHashedDirsRenewsTheThreeLevelsAndTheMountButNothingAbove) {

@@ -479,7 +479,8 @@ void clearEmptyHash(const char* path) {
         const size_t slash = current.rfind('/');
         if (slash == std::string::npos) return;
         current.resize(slash);
-        if (remove(current.c_str()) != 0) return;
+        // rmdir, not remove: a plain file where a hash level should be is data, never cleared.
+        if (rmdir(current.c_str()) != 0) return;
     }
 }
 

@@ -49,6 +49,7 @@ long getSize(const char* path, struct stat* known);
 // where the kernel refuses that flag to an unprivileged caller and a plain open is used.
 int listDir(const char* path, std::list<std::string>* names, bool plainOpen, bool skipDirectories);
 void touchHashedDirs(const char* path);
+// Once path is gone, removes up to three empty directories above it; files are never removed.
 void clearEmptyHash(const char* path);
 
 // Relative paths with a "." or ".." component are refused (logged): create returns 1, remove -1.
