@@ -58,7 +58,8 @@ public:
         bool countSize = true;
     };
 
-    // Counters of the candidate walk, reset per walk and logged every 1000 directories.
+    // Counters of the candidate walk, reset per walk; the durations, accumulated over the whole
+    // walk, are logged every 1000 directories.
     struct WalkCounters {
         unsigned checked = 0;
         unsigned calls = 0;
@@ -123,6 +124,8 @@ public:
     // ---- candidates and moving (KSMountPointCandidates.cpp, KSMountPointMove.cpp) --------
 
     // Size of `result` after the walk; 0 for maxCount 0; 0xFFFFFFFF when stopped or dead.
+    // Entries are examined with lstat: a symbolic link anywhere in the tree is skipped, so the
+    // walk never leaves the mount and no link is taken for a resource.
     uint32_t getOldestResources(kelp::db::DBConnector* connection, ResourceSet& result,
                                 KSNomoveHandler* nomove, uint32_t maxCount, ResourceSet* ownSet,
                                 const std::string& relativeDir, int depth);
@@ -178,5 +181,7 @@ bool IsOnTheSameMount(const char* a, const char* b);
 // The mount directory of the file system holding `path` (deepest /proc/mounts match).
 std::string getMountpoint(const char* path, struct mntent* entry, char* buffer,
                           unsigned long size);
-// Standard output of a shell command. Only for commands built by ShellCommand.
+// The whole standard output of a shell command, NUL bytes included. Only for commands built by
+// ShellCommand. Throws std::runtime_error("popen() failed!") when the shell cannot be started
+// and KSAssertionException for a null command.
 std::string exec(const char* command);
