@@ -58,8 +58,6 @@ uint32_t KSMountPointHandler::getOldestResources(kelp::db::DBConnector* connecti
             "statTime: %lld, listDirTime: %lld, putResultTime: %lld",
             counters_.dirtyTime, counters_.accessTime, counters_.statTime, counters_.listDirTime,
             counters_.putResultTime);
-        counters_.dirtyTime = counters_.accessTime = counters_.statTime = 0;
-        counters_.listDirTime = counters_.putResultTime = 0;
     }
     const int64_t ageLimit = static_cast<int64_t>(KSClock::now()) - config_.nomoveTime;
 
