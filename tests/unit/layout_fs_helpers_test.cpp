@@ -101,6 +101,10 @@ TEST(LayoutFsHelpers, removeDirectoryClimbsHashLevelsUntilOneIsNotEmpty) {
     EXPECT_EQ(removeHashDirectory(nullptr, mount.c_str(), "study1/"), 0);
     EXPECT_FALSE(present(tree.path("mount/SH")));
     EXPECT_TRUE(present(tree.path("mount"))) << "the walk ends at the first hash level";
+    for (const char* empty : {"", "/", "//"}) {
+        EXPECT_EQ(removeDirectory(nullptr, mount.c_str(), empty), -1) << "'" << empty << "'";
+        EXPECT_TRUE(present(tree.path("mount"))) << "'" << empty << "' names the mount itself";
+    }
 }
 
 TEST(LayoutFsHelpers, removeDirectoryOfANonEmptyResourceFailsAndKeepsEveryLevel) {

@@ -517,7 +517,10 @@ int removeDirectory(const char* legacyRoot, const char* mountRoot, const char* r
             delete[] parent;
         }
     };
-    return removeLevels(mountBase, hashedPath(relPath, false), cleanLegacy);
+    const std::string hashed = hashedPath(relPath, false);
+    // An empty or all-slash relative path would name the mount root itself.
+    if (hashed.empty()) return -1;
+    return removeLevels(mountBase, hashed, cleanLegacy);
 }
 
 int createDirectoryForFile(const char* mountRoot, const char* relFile) {

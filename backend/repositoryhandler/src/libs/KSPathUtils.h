@@ -55,7 +55,8 @@ void clearEmptyHash(const char* path);
 // Relative paths with a "." or ".." component are refused (logged): create returns 1, remove -1.
 // removeDirectory unlinks only symbolic links on the legacy side (a plain file there is kept)
 // and does no legacy work when legacyRoot holds no slash. The removals answer -1 for a mount
-// root without a slash, as for a first level that cannot be removed.
+// root without a slash and for an empty or all-slash relative path (which would name the mount
+// root), as for a first level that cannot be removed.
 int createDirectory(const char* legacyRoot, const char* mountRoot, const char* relPath);
 int removeDirectory(const char* legacyRoot, const char* mountRoot, const char* relPath);
 int createDirectoryForFile(const char* mountRoot, const char* relFile);
