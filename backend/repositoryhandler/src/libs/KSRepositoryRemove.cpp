@@ -169,17 +169,36 @@ int KSRepositoryHandler::removeResourceOnMount(kelp::db::DBConnector* connection
     return removal.finish();
 }
 
+namespace {
+
+// Owns a listResources result, so that a removal that throws (a database lock) leaks nothing.
+class ResourceNames {
+  public:
+    ResourceNames(KSRepositoryHandler& repository, int kind)
+        : names_(repository.listResources(kind, &count_, true)) {}
+    ~ResourceNames() {
+        if (names_ == nullptr) return;
+        for (long i = 0; i < count_; ++i) delete[] names_[i];
+        delete[] names_;
+    }
+    ResourceNames(const ResourceNames&) = delete;
+    ResourceNames& operator=(const ResourceNames&) = delete;
+    long count() const { return names_ != nullptr ? count_ : 0; }
+    const char* operator[](long i) const { return names_[i]; }
+
+  private:
+    long count_ = 0;
+    char** names_;
+};
+
+}  // namespace
+
 void KSRepositoryHandler::makeEmpty(kelp::db::DBConnector* connection) {
     dirtyFlags_.clearDirtySet(connection);
     giveBackMounts();
-    long count = 0;
-    char** names = listResources(1, &count, true);
-    long files = 0;
-    char** fileNames = listResources(2, &files, true);
-    for (long i = 0; i < count; ++i) removeResource(connection, names[i], true, true);
-    for (long i = 0; i < files; ++i) removeResource(connection, fileNames[i], true, true);
-    for (long i = 0; i < count; ++i) delete[] names[i];
-    for (long i = 0; i < files; ++i) delete[] fileNames[i];
-    delete[] names;
-    delete[] fileNames;
+    const ResourceNames directories(*this, 1);
+    const ResourceNames files(*this, 2);
+    for (long i = 0; i < directories.count(); ++i)
+        removeResource(connection, directories[i], true, true);
+    for (long i = 0; i < files.count(); ++i) removeResource(connection, files[i], true, true);
 }
