@@ -244,6 +244,11 @@ public:
 
     // ---- capacity management --------------------------------------------------------------
 
+    // One maintenance pass over the mounts in configuration order, under the repository lock
+    // (`verbose`: progress on standard output; `night`: night-managed mounts' limits are
+    // lowered first, in memory). So that a pass always ends, a cleaning cycle that neither
+    // deleted nor moved anything ends its mount, and deleting for room stops once a whole
+    // candidate set was in use or locked (gathering again would meet the same resources).
     void checkOverload(kelp::db::DBConnector* connection, bool verbose, bool night);
     int getGlobalOldestResources(kelp::db::DBConnector* connection, ResourceSet& result,
                                  KSNomoveHandler* nomove, unsigned collectNum, bool deleteOld,
@@ -347,4 +352,7 @@ unsigned parseNatInt(const char* text);
 
 // Set by signal_handler (SIGTERM, SIGABRT during an overload check); never cleared.
 extern volatile sig_atomic_t checkoverloadStopped;
+// Only records the signal and sets the flag (syslog is not async-signal-safe): the line
+// "Checkoverload interrupt signal is %d" is logged by the overload check when it first sees
+// the flag, once per process.
 void signal_handler(int signal);
