@@ -86,6 +86,8 @@ int withProgress(const char* command, KSRepositoryHandler& repo, const std::func
             fprintf(stderr, "repoctl %s: %s\n", command, e.toString().c_str());
         } catch (const std::exception& e) {
             fprintf(stderr, "repoctl %s: %s\n", command, e.what());
+        } catch (...) {
+            fprintf(stderr, "repoctl %s: unknown error\n", command);
         }
         return -1;
     }
