@@ -195,31 +195,66 @@ KSMountPointHandler* findMount(KSRepositoryHandler::MountList& mounts, std::stri
 
 }  // namespace
 
-// `verbose` prints every message on standard output as well. Returns 0 when the mount holds
-// no resource any more, 1 when some could not be moved, -1 when the mount is unknown or no
-// other mount can take its resources.
+namespace {
+
+// The emptying's messages go to the log and, when verbose, to standard output as well.
+void report(bool verbose, bool error, const std::string& text) {
+    if (error)
+        rh_logger.errorLog("%s", text.c_str());
+    else
+        rh_logger.infoLog("%s", text.c_str());
+    say(verbose, text);
+}
+
+// A candidate the emptying could not move is not tried again in this run. A failed copy
+// command counts as a move but leaves the origin, so what is left decides, not the result:
+// otherwise the emptying would meet the same resource for ever.
+void settleEmptyingMove(CandidateMoveResult result, const ResourceEntry& entry,
+                        KSNomoveHandler& nomove, bool verbose) {
+    const bool stillHere = exists(entry.path.c_str());
+    if (result == CandidateMoveResult::Vanished && !stillHere) {
+        rh_logger.infoLog("EmptyMount skips %s as it seems to have been removed already\n",
+                          entry.path.c_str());
+    } else if (result == CandidateMoveResult::Failed) {
+        nomove.setNomove(entry.name.c_str(), true);
+        report(verbose, true, "Nospaceleft? EmptyMount couldn't move - marked as nomove");
+    } else if (stillHere) {
+        nomove.setNomove(entry.name.c_str(), true);
+        report(verbose, true, "Nospaceleft? EmptyMount couldn't move");
+    }
+}
+
+int finishEmptying(KSMountPointHandler& source, kelp::db::DBConnector* connection, bool verbose) {
+    ResourceSet left;
+    uint32_t remaining = source.getRandomResources(connection, left, nullptr, 1);
+    if (checkoverloadStopped || (remaining != 0 && remaining != kStopped)) {
+        report(verbose, true, "Not all resources could be moved");
+        return 1;
+    }
+    report(verbose, false, "Finished.");
+    return 0;
+}
+
+}  // namespace
+
 int KSRepositoryHandler::moveAllResourcesFromMount(kelp::db::DBConnector* connection,
                                                    const char* mountName, bool verbose) {
     KSMountPointHandler* source = findMount(mounts_, mountName != nullptr ? mountName : "");
     if (source == nullptr) {
-        std::string text = std::string("Source mount \"") + (mountName ? mountName : "") +
-                           "\" could not be found in repository.";
-        rh_logger.errorLog("%s", text.c_str());
-        say(verbose, text);
+        report(verbose, true,
+               std::string("Source mount \"") + (mountName ? mountName : "") +
+                   "\" could not be found in repository.");
         return -1;
     }
     std::unique_ptr<char[]> id(toResourceID(path_.c_str(), ""));
     // The repository lock keeps the emptying and the overload check apart.
     SmartSemaphore repositoryLock(settings_.isShared, id.get(), connection);
     if (!repositoryLock.lock()) {
-        std::string text = "The repository \"" + path_ + "\" could not be locked.";
-        rh_logger.errorLog("%s", text.c_str());
-        say(verbose, text);
+        report(verbose, true, "The repository \"" + path_ + "\" could not be locked.");
         return -1;
     }
     if (source->checkStatus(false) & MOUNT_DEAD) {
-        rh_logger.errorLog("EmptyMount: source mount %s is unmounted", source->path().c_str());
-        if (verbose) printf("EmptyMount: source mount %s is unmounted\n", source->path().c_str());
+        report(verbose, true, "EmptyMount: source mount " + source->path() + " is unmounted");
         return -1;
     }
     progress_.reset();
@@ -232,54 +267,25 @@ int KSRepositoryHandler::moveAllResourcesFromMount(kelp::db::DBConnector* connec
     how.verbose = verbose;
     how.checkTime = false;  // everything goes, used or not
     how.skipDirty = false;  // the move merges a dirty resource onto its other copy
-    bool first = true;
-    while (!checkoverloadStopped) {
+    for (bool first = true; !checkoverloadStopped; first = false) {
         ResourceSet batch;
         uint32_t found = source->getRandomResources(connection, batch, &nomove, kEmptyingBatch);
         if (found == 0 || found == kStopped) {
-            if (first) {
-                rh_logger.infoLog("no movable resource found");
-                say(verbose, "no movable resource found");
-            }
+            if (first) report(verbose, false, "no movable resource found");
             break;
         }
-        first = false;
         for (const ResourceEntry& entry : batch) {
             if (checkoverloadStopped) break;
             int targetIndex = getActualMountPointForMove(source, verbose);
             if (targetIndex < 0 || targetIndex >= static_cast<int>(mounts_.size())) {
-                rh_logger.errorLog("Could not find target mount for data moving.");
-                say(verbose, "Could not find target mount for data moving.");
+                report(verbose, true, "Could not find target mount for data moving.");
                 return -1;
             }
-            CandidateMoveResult result = moveCandidate(*this, how, entry, *mounts_[targetIndex]);
-            // A failed copy command counts as a move but leaves the origin: it is judged by what
-            // is left, so that nothing still here is tried again in this run (or for ever).
-            const bool stillHere = exists(entry.path.c_str());
-            if (result == CandidateMoveResult::Vanished && !stillHere) {
-                rh_logger.infoLog("EmptyMount skips %s as it seems to have been removed already\n",
-                                  entry.path.c_str());
-            } else if (result == CandidateMoveResult::Failed) {
-                nomove.setNomove(entry.name.c_str(), true);
-                rh_logger.errorLog("Nospaceleft? EmptyMount couldn't move - marked as nomove");
-                say(verbose, "Nospaceleft? EmptyMount couldn't move - marked as nomove");
-            } else if (stillHere) {
-                nomove.setNomove(entry.name.c_str(), true);
-                rh_logger.errorLog("Nospaceleft? EmptyMount couldn't move");
-                say(verbose, "Nospaceleft? EmptyMount couldn't move");
-            }
+            settleEmptyingMove(moveCandidate(*this, how, entry, *mounts_[targetIndex]), entry,
+                               nomove, verbose);
         }
     }
-    ResourceSet left;
-    uint32_t remaining = source->getRandomResources(connection, left, nullptr, 1);
-    if (checkoverloadStopped || (remaining != 0 && remaining != kStopped)) {
-        rh_logger.errorLog("Not all resources could be moved");
-        say(verbose, "Not all resources could be moved");
-        return 1;
-    }
-    rh_logger.infoLog("Finished.");
-    say(verbose, "Finished.");
-    return 0;
+    return finishEmptying(*source, connection, verbose);
 }
 
 char* KSRepositoryHandler::unAge(kelp::db::DBConnector* connection, const char* resource) {
