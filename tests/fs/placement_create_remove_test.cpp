@@ -215,3 +215,26 @@ TEST_F(PlacementCreateRemove, MakeEmptyRemovesEveryResourceAndLeavesTheMountsUsa
 }
 
 }  // namespace
+
+TEST_F(PlacementCreateRemove, ALegacyLinkPointingOutsideTheMountsNeverDeletesItsTarget) {
+    TempTree legacy, outside;
+    makeRepository({}, {{"legacyDir", legacy.root()}, {"followLegacyLinks", "true"}});
+    const std::string precious = outside.root() + "/s1";
+    mkdirs((precious + "/keep").c_str(), 0755);
+    ASSERT_EQ(symlink(precious.c_str(), (legacy.root() + "/s1").c_str()), 0);
+    ASSERT_EQ(symlink(outside.root().c_str(), (legacy.root() + "/s2").c_str()), 0);
+
+    SyslogCapture log;
+    EXPECT_EQ(removeResource_(repo_.path().c_str(), "s1", true, false, nullptr) & 8, 8);
+    EXPECT_EQ(removeResource_(repo_.path().c_str(), "s2", true, false, nullptr) & 8, 8);
+    EXPECT_TRUE(entryExists(precious + "/keep"));
+    EXPECT_FALSE(entryExists(legacy.root() + "/s1"));
+    EXPECT_TRUE(log.findContaining("points outside the repository's resources"));
+
+    // A link to the resource's own directory on a mount still takes that directory with it.
+    putResource(repo_.mountPath(1), "s3");
+    const std::string own = resourceLocation(repo_.mountPath(1), "s3");
+    ASSERT_EQ(symlink(own.c_str(), (legacy.root() + "/s3").c_str()), 0);
+    EXPECT_EQ(removeResource_(repo_.path().c_str(), "s3", true, false, nullptr), 0);
+    EXPECT_FALSE(entryExists(own));
+}

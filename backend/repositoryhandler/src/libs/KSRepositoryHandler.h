@@ -313,6 +313,7 @@ private:
     void writeToLegacyLog(const char* path);
     // Removal helper (KSRepositoryRemove.cpp).
     bool removeFromLegacy(const char* resource, bool useCallback, int* result);
+    bool isOwnResourceDirectory(const std::string& target, const char* resource) const;
 
     std::string path_;
     std::string canonicalPath_;

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -87,6 +88,28 @@ bool KSRepositoryHandler::setTimeProperties(kelp::db::DBConnector* connection, c
 
 // Removes the resource's legacy entry: a link (and, when links are used, the resolved target)
 // and a real directory. True when there was anything to remove.
+// A legacy link may point anywhere (it is a plain symbolic link an operator can edit). Its
+// target is deleted with the resource only when it is that resource's own directory: named
+// after the resource and lying inside one of the repository's mounts or its legacy directory.
+// Anything else (a link to "/" or "/etc") must never turn a removal into a deletion elsewhere.
+bool KSRepositoryHandler::isOwnResourceDirectory(const std::string& target,
+                                                 const char* resource) const {
+    const size_t slash = target.rfind('/');
+    if (slash == std::string::npos || target.compare(slash + 1, std::string::npos, resource) != 0)
+        return false;
+    auto inside = [&target](const std::string& root) {
+        char* canonical = canonicalize_file_name(root.c_str());
+        if (canonical == nullptr) return false;
+        std::string prefix = canonical;
+        free(canonical);
+        if (prefix != "/") prefix += '/';
+        return target.size() > prefix.size() && target.compare(0, prefix.size(), prefix) == 0;
+    };
+    for (const auto& mount : mounts_)
+        if (inside(mount->path())) return true;
+    return !settings_.legacyDir.empty() && inside(settings_.legacyDir);
+}
+
 bool KSRepositoryHandler::removeFromLegacy(const char* resource, bool useCallback, int* result) {
     bool acted = false;
     std::string legacyPath = legacyPathOf(*this, resource);
@@ -102,7 +125,15 @@ bool KSRepositoryHandler::removeFromLegacy(const char* resource, bool useCallbac
                                    legacyPath.c_str(), error, errnoText(error).c_str());
                 *result |= RESOURCE_STATUS_DIRTY;
             } else if (!target.empty() && exists(target.c_str())) {
-                *result |= deleteRes(target.c_str(), callback, resource, path_.c_str());
+                if (isOwnResourceDirectory(target, resource)) {
+                    *result |= deleteRes(target.c_str(), callback, resource, path_.c_str());
+                } else {
+                    rh_logger.errorLog(
+                        "Legacy link \"%s\" points outside the repository's resources (%s); "
+                        "its target is left alone.",
+                        legacyPath.c_str(), target.c_str());
+                    *result |= RESOURCE_STATUS_ERRONEOUS;
+                }
             }
         }
     }
