@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "FileCloser.h"
 #include "KSAssertionException.h"
 
 namespace {
@@ -11,26 +12,6 @@ namespace {
 const char* const kSourceFile = "backend/imutils/src/KSProperties";
 constexpr size_t kLinePiece = 65536;
 
-// Closes the FILE* it owns; one owner per stream.
-class FileCloser {
-  public:
-    explicit FileCloser(FILE* f) : f_(f) {}
-    ~FileCloser() {
-        if (f_ != nullptr) fclose(f_);
-    }
-    FileCloser(const FileCloser&) = delete;
-    FileCloser& operator=(const FileCloser&) = delete;
-    FILE* get() const { return f_; }
-    // Closes now and reports whether every buffered byte reached the file.
-    bool close() {
-        FILE* f = f_;
-        f_ = nullptr;
-        return f == nullptr || fclose(f) == 0;
-    }
-
-  private:
-    FILE* f_;
-};
 
 }  // namespace
 

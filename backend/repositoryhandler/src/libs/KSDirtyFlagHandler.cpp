@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 
+#include "FileCloser.h"
 #include "KSAssertionException.h"
 #include "KSClock.h"
 #include "KSLogger.h"
@@ -20,19 +21,6 @@ const char* const kSourceFile = "backend/repositoryhandler/src/libs/KSDirtyFlagH
 constexpr time_t kCacheWindowSeconds = 60;
 constexpr int kLinePiece = 1024;
 
-class FileCloser {
-  public:
-    explicit FileCloser(FILE* f) : f_(f) {}
-    ~FileCloser() {
-        if (f_ != nullptr) fclose(f_);
-    }
-    FileCloser(const FileCloser&) = delete;
-    FileCloser& operator=(const FileCloser&) = delete;
-    FILE* get() const { return f_; }
-
-  private:
-    FILE* f_;
-};
 
 // The lock of the dirty file, shared with every process that opens the repository.
 class FileLock {
