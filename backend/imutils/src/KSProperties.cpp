@@ -12,7 +12,6 @@ namespace {
 const char* const kSourceFile = "backend/imutils/src/KSProperties";
 constexpr size_t kLinePiece = 65536;
 
-
 }  // namespace
 
 // ---- KSProperty ----

@@ -21,7 +21,6 @@ const char* const kSourceFile = "backend/repositoryhandler/src/libs/KSDirtyFlagH
 constexpr time_t kCacheWindowSeconds = 60;
 constexpr int kLinePiece = 1024;
 
-
 // The lock of the dirty file, shared with every process that opens the repository.
 class FileLock {
   public:
