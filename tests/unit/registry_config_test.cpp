@@ -5,6 +5,7 @@
 #include <utime.h>
 
 #include <atomic>
+#include <climits>
 #include <mutex>
 #include <set>
 #include <string>
@@ -107,6 +108,7 @@ TEST(RepositoryConfigTest, booleansAreTrueOnlyForTheExactTextTrueAndSharedUnless
     EXPECT_FALSE(s.authoritativeMode);
     EXPECT_TRUE(s.forceDedicated);
     EXPECT_EQ(s.numThreads, 7);
+    EXPECT_EQ(loadWith(repo, {{"numThreads", "1e300"}})->settings().numThreads, INT_MAX);
 
     handler = loadWith(repo, {{"isShared", "false"}, {"isClearable", "true"}});
     EXPECT_FALSE(handler->isShared());

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -54,6 +56,14 @@ std::vector<std::string> extraConfigFiles(const std::string& directory) {
     }
     std::sort(names.begin(), names.end());
     return names;
+}
+
+// The truncated thread count; text beyond the int range ("1e300", "nan") is clamped rather
+// than converted with undefined behaviour.
+int threadCount(double value) {
+    if (std::isnan(value)) return 0;
+    return static_cast<int>(
+        std::clamp(value, static_cast<double>(INT_MIN), static_cast<double>(INT_MAX)));
 }
 
 // The mount initialisation in progress on this thread, so that a mount's own setup asking
@@ -167,7 +177,7 @@ void KSRepositoryHandler::readSettings(KSProperties& properties) {
     limit("moveLimit", s.moveLimit);
     limit("hardFullLimit", s.hardFullLimit);
     if (properties.getProperty("numThreads") != nullptr) {
-        s.numThreads = static_cast<int>(getConfigValue(&properties, "numThreads"));
+        s.numThreads = threadCount(getConfigValue(&properties, "numThreads"));
     }
     flag("isClearable", s.isClearable);
     flag("isClearableMove", s.isClearableMove);
