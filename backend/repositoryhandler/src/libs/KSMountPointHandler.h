@@ -74,6 +74,8 @@ public:
 
     // ---- configuration and status (KSMountPointHandler.cpp) ------------------------------
 
+    // Measures the mount; when it is alive, reads repositorypart.cfg, recomputes the cached
+    // status against the limits just read and decides whether the mount is dedicated.
     void setup();
     int parseConfigFile();
     bool isUpToDate();

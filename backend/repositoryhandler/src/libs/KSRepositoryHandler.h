@@ -96,8 +96,12 @@ public:
     // 0 on success, 1 when a configuration file exists but cannot be read.
     int parseConfigFile();
     // Within 9 seconds of the last check (and without `force`) true without file access.
+    // Of several callers whose quiet period ends at the same moment, one does the file checks;
+    // the others are answered true for that call.
     bool isUpToDate(bool force);
-    // Runs KSMountPointHandler::setup on every mount once (in parallel).
+    // Runs KSMountPointHandler::setup on every mount once (in parallel). A caller on another
+    // thread that arrives while the setup runs waits until it is done rather than returning at
+    // once, so that it never sees mounts half set up.
     void initMPHandlers();
     bool mountHandlersInitialised() const { return mpInitialised_.load(); }
     bool mountHandlersInitialising() const { return mpInitialising_.load(); }
