@@ -264,7 +264,7 @@ void KSRepositoryHandler::initMPHandlers() {
             // A mount's own setup asks again from inside the initialisation: let it go on.
             // Any other thread waits for the mounts to be ready.
             if (initialisingOnThisThread == this) return;
-            mpInitDone_.wait(lock, [this] { return mpInitialised_.load(); });
+            mpInitDone_.wait(lock, [this] { return mpInitialised_ || !mpInitialising_; });
             return;
         }
         mpInitialising_.store(true);
@@ -273,23 +273,42 @@ void KSRepositoryHandler::initMPHandlers() {
     // from the worker threads.
     bool nonFast = false;
     std::mutex nonFastMutex;
-    parallelRun(mounts_, settings_.numThreads,
-                [this, &nonFast, &nonFastMutex](KSMountPointHandler& mount) {
-                    const KSRepositoryHandler* outer = initialisingOnThisThread;
-                    initialisingOnThisThread = this;
-                    mount.setup();
-                    initialisingOnThisThread = outer;
-                    if (!mount.config().fast) {
-                        std::lock_guard<std::mutex> guard(nonFastMutex);
-                        nonFast = true;
-                    }
-                });
+    try {
+        setUpMounts(nonFast, nonFastMutex);
+    } catch (...) {
+        // Waiting threads must not sleep for ever: they wake, and the next caller tries again.
+        {
+            std::lock_guard<std::mutex> lock(mpInitMutex_);
+            mpInitialising_.store(false);
+        }
+        mpInitDone_.notify_all();
+        throw;
+    }
     if (nonFast) hasNonFastMount_.store(true);
     {
         std::lock_guard<std::mutex> lock(mpInitMutex_);
         mpInitialised_.store(true);
     }
     mpInitDone_.notify_all();
+}
+
+void KSRepositoryHandler::setUpMounts(bool& nonFast, std::mutex& nonFastMutex) {
+    parallelRun(mounts_, settings_.numThreads,
+                [this, &nonFast, &nonFastMutex](KSMountPointHandler& mount) {
+                    // Marks this thread as setting up this repository, also when setup throws.
+                    struct Mark {
+                        const KSRepositoryHandler* outer = initialisingOnThisThread;
+                        explicit Mark(const KSRepositoryHandler* self) {
+                            initialisingOnThisThread = self;
+                        }
+                        ~Mark() { initialisingOnThisThread = outer; }
+                    } mark(this);
+                    mount.setup();
+                    if (!mount.config().fast) {
+                        std::lock_guard<std::mutex> guard(nonFastMutex);
+                        nonFast = true;
+                    }
+                });
 }
 
 void KSRepositoryHandler::parallelRun(MountList& mounts, int threads,

@@ -301,6 +301,7 @@ public:
 
 private:
     void resetToDefaults();
+    void setUpMounts(bool& nonFast, std::mutex& nonFastMutex);
     void clearMountHandlers();
     bool loadConfig(KSProperties& properties, const std::string& file);
     void readSettings(KSProperties& properties);
