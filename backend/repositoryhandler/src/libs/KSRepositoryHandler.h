@@ -19,6 +19,9 @@
 //   KSRepositoryMove.cpp             moveResourcesFromMount, moveResourcesNew, emptying a mount
 //   KSRepositoryOverload.cpp         checkOverload and its steps, deleteResourcesFromMount
 //   KSRepositoryStatistics.cpp       writeCalcData, warnMoveTimeWarning, moveTimeWarning
+//
+// This header also declares the whole exported C surface (repohandler.h), so that a C++ caller
+// that includes only this header can call every exported function.
 
 #include <atomic>
 #include <condition_variable>
@@ -36,6 +39,7 @@
 #include "KSMountPointHandler.h"
 #include "KSStatus.h"
 #include "ResourceEntry.h"
+#include "repohandler.h"
 
 struct utimbuf;
 class KSNomoveHandler;
