@@ -132,14 +132,26 @@ DBConnectorSql::Recovery DBConnectorSql::classify(const SqlException& e) {
 //   5. an error without a code (environment, client library) on a live connection is retried
 //      after a random pause, in case it was a connection failing in a way not yet seen.
 // Exceptions other than SqlException pass through untouched.
+//
+// A deadlock means the server rolled the statement back, so its repetition is harmless. A lost
+// connection (or an error without a code) after create() handed out the statement is different:
+// the server may have run and committed the statement and only its reply was lost. The record
+// notes it, so that the caller of a statement that is not safe to run twice can tell its own
+// earlier effect from somebody else's (see LockDBSql).
 template <class Result, class Step>
 Result DBConnectorSql::runWithRetry(PSSupplier& supplier, const char* operation, bool logCaught,
-                                    Step step) {
+                                    RetryRecord* record, Step step) {
+    RetryRecord local;
+    RetryRecord& seen = record != nullptr ? *record : local;
+    seen = RetryRecord();
     for (unsigned long attempt = 1;; ++attempt) {
+        seen.attempts = attempt;
         std::unique_lock<std::recursive_mutex> lock(sql_->mutex());
         PSHandle handle;
+        bool sent = false;
         try {
             handle = supplier.create();
+            sent = true;
             return step(handle);
         } catch (const SqlException& e) {
             if (logCaught) {
@@ -156,12 +168,14 @@ Result DBConnectorSql::runWithRetry(PSSupplier& supplier, const char* operation,
                     randomSleep();
                     break;
                 case Recovery::Reconnect:
+                    if (sent) seen.mayHaveRunBefore = true;
                     dbSyslog(kIdent, "DBConnectorSql::%s: Connection lost - reconnect", operation);
                     reset();
                     break;
                 case Recovery::Fail:
                     throw DBException(e.what(), e.code());
                 case Recovery::RetryUnknown:
+                    if (sent) seen.mayHaveRunBefore = true;
                     dbSyslog(kIdent,
                              "DBConnectorSql::%s: Potential connection lost (error code 0) - "
                              "retry [%lu]",
@@ -175,7 +189,7 @@ Result DBConnectorSql::runWithRetry(PSSupplier& supplier, const char* operation,
 }
 
 PSHandle DBConnectorSql::executeQuery(PSSupplier& supplier, QueryBindings& bindings) {
-    return runWithRetry<PSHandle>(supplier, "executeQuery", true, [&](PSHandle& handle) {
+    return runWithRetry<PSHandle>(supplier, "executeQuery", true, nullptr, [&](PSHandle& handle) {
         handle.statement->executeAndStoreEx(bindings);
         return handle;
     });
@@ -189,12 +203,13 @@ PSHandle DBConnectorSql::executeQuery(const std::string& sql, QueryBindings& bin
 }
 
 uint64_t DBConnectorSql::executeUpdate(PSSupplier& supplier, QueryBindings& bindings,
-                                       bool logError) {
-    return runWithRetry<uint64_t>(supplier, "executeUpdate", logError, [&](PSHandle& handle) {
-        uint64_t rows = handle.statement->executeUpdateEx(bindings);
-        supplier.release(handle.statement);
-        return rows;
-    });
+                                       bool logError, RetryRecord* record) {
+    return runWithRetry<uint64_t>(supplier, "executeUpdate", logError, record,
+                                  [&](PSHandle& handle) {
+                                      uint64_t rows = handle.statement->executeUpdateEx(bindings);
+                                      supplier.release(handle.statement);
+                                      return rows;
+                                  });
 }
 
 uint64_t DBConnectorSql::executeUpdate(const std::string& sql, QueryBindings& bindings,

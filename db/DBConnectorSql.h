@@ -8,6 +8,7 @@
 #include "DBConnector.h"
 #include "FacetSlot.h"
 #include "PSSupplier.h"
+#include "RetryRecord.h"
 
 namespace kelp {
 namespace db {
@@ -55,8 +56,11 @@ class DBConnectorSql : public DBConnector {
     PSHandle executeQuery(const std::string& sql, QueryBindings& bindings);
 
     // Runs a statement without rows; returns the found rows. logError false keeps the caught
-    // SqlException lines (not the retry and reconnect lines) out of the log.
-    uint64_t executeUpdate(PSSupplier& supplier, QueryBindings& bindings, bool logError);
+    // SqlException lines (not the retry and reconnect lines) out of the log. A non-null record
+    // is filled with what the retry loop saw, also when the call ends in DBException; a caller
+    // whose statement is not safe to repeat reads it to judge a failure of a repeated attempt.
+    uint64_t executeUpdate(PSSupplier& supplier, QueryBindings& bindings, bool logError,
+                           RetryRecord* record = nullptr);
     uint64_t executeUpdate(const std::string& sql, QueryBindings& bindings, bool logError);
 
     // The open connection, opened now if there is none. Throws SqlException. Call under
@@ -77,7 +81,8 @@ class DBConnectorSql : public DBConnector {
     enum class Recovery { Retry, Reconnect, Fail, RetryUnknown };
 
     template <class Result, class Step>
-    Result runWithRetry(PSSupplier& supplier, const char* operation, bool logCaught, Step step);
+    Result runWithRetry(PSSupplier& supplier, const char* operation, bool logCaught,
+                        RetryRecord* record, Step step);
     Recovery classify(const SqlException& e);
     template <class Facet>
     Facet* facet(FacetSlot<Facet>& slot);

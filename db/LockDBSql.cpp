@@ -1,5 +1,6 @@
 #include "LockDBSql.h"
 
+#include <mutex>
 #include <new>
 
 #include "DBConnectorSql.h"
@@ -7,6 +8,10 @@
 #include "DbSyslog.h"
 #include "FacetSupport.h"
 #include "QueryBindings.h"
+#include "QueryResult.h"
+#include "Sha256.h"
+#include "Sql.h"
+#include "SqlStatement.h"
 
 namespace kelp {
 namespace db {
@@ -14,6 +19,13 @@ namespace db {
 namespace {
 
 const uint32_t kDuplicateKey = 1062;
+const size_t kKeyPrefixBytes = 190;
+// Holders' actors are short tokens; a longer one does not fit the lock table's column anyway.
+const size_t kActorBuffer = 4096;
+
+bool isUtf8Continuation(char c) {
+    return (static_cast<unsigned char>(c) & 0xc0) == 0x80;
+}
 
 }  // namespace
 
@@ -30,37 +42,108 @@ LockDBSql::LockDBSql(DBConnectorSql& connector)
         },
         4, 0);
     registerQuery(
-        delete_, [this] { return "delete from " + table_ + " where  LCKID=? and LCKCOUNTER<2"; }, 1,
-        0);
+        deleteOwn_,
+        [this] {
+            return "delete from " + table_ +
+                   " where  LCKID=? and COALESCE(LCKACTOR,'')=? and LCKCOUNTER<2";
+        },
+        2, 0);
+    registerQuery(
+        holder_, [this] { return "SELECT LCKACTOR FROM " + table_ + " WHERE LCKID=?"; }, 1, 1);
     init();
+}
+
+std::string LockDBSql::storageKey(const std::string& lockId) {
+    if (lockId.size() <= kMaxKeyBytes) return lockId;
+    size_t cut = kKeyPrefixBytes;
+    while (cut > 0 && isUtf8Continuation(lockId[cut])) --cut;
+    return lockId.substr(0, cut) + "#" + sha256Hex(lockId);
 }
 
 // A duplicate key is the normal answer to a busy lock, so the insert runs with error logging off
 // and only unexpected failures reach the log.
+//
+// A duplicate key met by a repeated insert is ambiguous: the first attempt may have inserted the
+// row and lost only its reply. The row's actor tells: when it is ours, the lock is ours. When the
+// first attempt did not run, the row belongs to another holder and the answer is "busy", as for
+// a first attempt.
 bool LockDBSql::lockFirstTime(const std::string& lockId, const std::string& resource,
                               const std::string& actor, int type) {
+    const std::string key = storageKey(lockId);
+    RetryRecord record;
     try {
         int32_t lockType = type;
         QueryBindings bindings(insert_.paramCount, insert_.resultCount);
-        bindings.bindString(0, lockId);
+        bindings.bindString(0, key);
         bindings.bindString(1, resource);
         bindings.bindString(2, actor);
         bindings.bindLong(3, lockType);
-        return executeUpdate(insert_, bindings, false) >= 1;
+        return executeUpdate(insert_, bindings, false, &record) >= 1;
     } catch (const std::bad_alloc&) {
         throw DBException("Not enough memory");
     } catch (const DBException& e) {
-        if (e.code() == kDuplicateKey) return false;
+        if (e.code() == kDuplicateKey) {
+            if (!record.mayHaveRunBefore) return false;
+            std::string holder;
+            return holderOfKey(key, holder) && holder == actor;
+        }
         dbSyslog("LockManager", "LockDBSql::lockFirstTime: Exception caught: %s", e.what());
         throw;
     }
 }
 
 bool LockDBSql::releaseLock(const std::string& lockId) {
+    const std::string key = storageKey(lockId);
+    std::string holder;
+    if (!holderOfKey(key, holder)) return false;
+    return deleteOwnRow(key, holder);
+}
+
+bool LockDBSql::releaseLockOf(const std::string& lockId, const std::string& actor) {
+    return deleteOwnRow(storageKey(lockId), actor);
+}
+
+bool LockDBSql::lockHolder(const std::string& lockId, std::string& actor) {
+    return holderOfKey(storageKey(lockId), actor);
+}
+
+// The delete names the actor, so running it twice is harmless: a lock taken after the first run
+// has another actor. When a repetition removed nothing, the first run may have removed the row
+// and lost its reply; the row's absence then says the lock is given back.
+bool LockDBSql::deleteOwnRow(const std::string& key, const std::string& actor) {
+    RetryRecord record;
+    uint64_t rows = withBindingMemory([&] {
+        QueryBindings bindings(deleteOwn_.paramCount, deleteOwn_.resultCount);
+        bindings.bindString(0, key);
+        bindings.bindString(1, actor);
+        return executeUpdate(deleteOwn_, bindings, true, &record);
+    });
+    if (rows != 0) return true;
+    if (!record.mayHaveRunBefore) return false;
+    std::string holder;
+    return !holderOfKey(key, holder) || holder != actor;
+}
+
+bool LockDBSql::holderOfKey(const std::string& key, std::string& actor) {
     return withBindingMemory([&] {
-        QueryBindings bindings(delete_.paramCount, delete_.resultCount);
-        bindings.bindString(0, lockId);
-        return executeUpdate(delete_, bindings, true) != 0;
+        std::string buffer(kActorBuffer, '\0');
+        // Held through the fetch too, so a reconnect by another thread cannot close the
+        // statement's connection under it.
+        std::lock_guard<std::recursive_mutex> guard(connector().sql().mutex());
+        QueryResult actorResult(MYSQL_TYPE_STRING, &buffer[0], buffer.size(), SIGNED_VALUE);
+        QueryBindings bindings(holder_.paramCount, holder_.resultCount);
+        bindings.bindString(0, key);
+        bindings.bindResult(0, actorResult);
+        PSHandle handle = executeQuery(holder_, bindings);
+        const int status = handle.statement->fetch();
+        if (status == MYSQL_NO_DATA) return false;
+        if (status != 0) {
+            throw DBException("LockDBSql::lockHolder: the holder of " + key +
+                              " could not be read (longer than " + std::to_string(kActorBuffer) +
+                              " bytes?)");
+        }
+        actor = actorResult.isNull() ? std::string() : buffer.substr(0, actorResult.length());
+        return true;
     });
 }
 

@@ -97,9 +97,10 @@ PSHandle PSCache::executeQuery(const PsQuery& query, QueryBindings& bindings) {
     return connector_.executeQuery(supplier, bindings);
 }
 
-uint64_t PSCache::executeUpdate(const PsQuery& query, QueryBindings& bindings, bool logError) {
+uint64_t PSCache::executeUpdate(const PsQuery& query, QueryBindings& bindings, bool logError,
+                               RetryRecord* record) {
     CachedPSSupplier supplier(*this, query);
-    return connector_.executeUpdate(supplier, bindings, logError);
+    return connector_.executeUpdate(supplier, bindings, logError, record);
 }
 
 }  // namespace db

@@ -12,6 +12,7 @@
 
 #include "PSSupplier.h"
 #include "PsQuery.h"
+#include "RetryRecord.h"
 
 namespace kelp {
 namespace db {
@@ -39,7 +40,8 @@ class PSCache {
     // Run query through the connector's retry loop with the calling thread's cached statement.
     // See DBConnectorSql::executeQuery / executeUpdate.
     PSHandle executeQuery(const PsQuery& query, QueryBindings& bindings);
-    uint64_t executeUpdate(const PsQuery& query, QueryBindings& bindings, bool logError);
+    uint64_t executeUpdate(const PsQuery& query, QueryBindings& bindings, bool logError,
+                           RetryRecord* record = nullptr);
 
     // The calling thread's statement for query, with shared ownership of its cache.
     PSHandle getPS(const PsQuery& query);

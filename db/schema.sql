@@ -3,15 +3,22 @@
 -- REFCOUNTTBL, OBJECTTBL); a site may rename them through those variables.
 
 -- Named locks that hold across processes: exactly one insert of a given LCKID succeeds.
+-- LCKID holds the lock id, or for an id over 255 bytes a key of at most 255 bytes made from it
+-- (LockDBSql::storageKey); binary, so ids are compared byte for byte, whatever the character
+-- set, and never two ids that differ in case or in trailing blanks meet as one. LCKRESOURCE holds
+-- the whole id (a repository path of up to PATH_MAX bytes and a name). LCKACTOR holds the
+-- holder's token (KSLockToken).
 CREATE TABLE IF NOT EXISTS NVLOCK (
-    LCKID       VARCHAR(255) NOT NULL,
-    LCKRESOURCE VARCHAR(1024) NOT NULL DEFAULT '',
+    LCKID       VARBINARY(255) NOT NULL,
+    LCKRESOURCE BLOB NOT NULL,
     LCKACTOR    VARCHAR(255) NOT NULL DEFAULT '',
     LCKTYPE     INT NOT NULL DEFAULT 0,
     LCKTIME     DATETIME NULL,
     LCKCOUNTER  INT NOT NULL DEFAULT 1,
     PRIMARY KEY (LCKID)
 ) ENGINE=InnoDB;
+-- A table made by an earlier version of this file gets the same column types.
+ALTER TABLE NVLOCK MODIFY LCKID VARBINARY(255) NOT NULL, MODIFY LCKRESOURCE BLOB NOT NULL;
 
 -- Signed-on user sessions, keyed by session id and client address.
 CREATE TABLE IF NOT EXISTS USERSESSION (

@@ -132,14 +132,14 @@ TEST_F(DbConnector, killedConnectionIsReplacedAtOnceAndStatementsPreparedAgain) 
     LockDB* locks = connector->lockDB();
     std::string lockId = uniqueName("killed");
     ASSERT_TRUE(locks->lockFirstTime(lockId, "res", "actor", 1));
-    ASSERT_TRUE(locks->releaseLock(lockId));  // both statements are now cached
+    ASSERT_TRUE(locks->releaseLockOf(lockId, "actor"));  // both statements are now cached
     ASSERT_TRUE(locks->lockFirstTime(lockId, "res", "actor", 1));
     std::string before = connectionId(*connector);
     DbAdmin admin;
     admin.exec("KILL CONNECTION " + before);
     log.clear();
 
-    EXPECT_TRUE(locks->releaseLock(lockId));
+    EXPECT_TRUE(locks->releaseLockOf(lockId, "actor"));
 
     EXPECT_TRUE(log.findEqual("DBConnectorSql::executeUpdate: Connection lost - reconnect"));
     EXPECT_EQ(0, log.countContaining("Retry query"));
@@ -234,11 +234,11 @@ TEST_F(DbConnector, eachThreadPreparesAStatementOnceAndForThreadHasItsOwnConnect
     long long start = preparesOnConnection(*connector);
     for (int i = 0; i < 50; ++i) {
         ASSERT_TRUE(locks->lockFirstTime(lockId, "r", "a", 1));
-        ASSERT_TRUE(locks->releaseLock(lockId));
+        ASSERT_TRUE(locks->releaseLockOf(lockId, "a"));
     }
     EXPECT_EQ(start + 2, preparesOnConnection(*connector));
     DbWorker other;
-    other.run([&] { locks->releaseLock(lockId); });
+    other.run([&] { locks->releaseLockOf(lockId, "a"); });
     EXPECT_EQ(start + 3, preparesOnConnection(*connector));
 
     std::unique_ptr<DBConnector> own(connector->forThread());

@@ -2,6 +2,7 @@
 // private server, so the lock holds between connectors and between processes.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <memory>
 #include <string>
@@ -11,6 +12,7 @@
 #include "DBConnector.h"
 #include "DbTestEnv.h"
 #include "KSClock.h"
+#include "KSLockToken.h"
 #include "KSPathUtils.h"
 #include "KSSemaphoreGlobal.h"
 #include "ScratchRepository.h"
@@ -64,9 +66,13 @@ TEST_F(GlobalSemaphoreTest, secondConnectorIsRefusedWhileTheFirstHoldsTheRow) {
     auto row = admin().rows("SELECT LCKRESOURCE, LCKACTOR, LCKTYPE FROM NVLOCK WHERE LCKID='" +
                             lockId_ + "'");
     ASSERT_EQ(1u, row.size());
-    EXPECT_EQ((std::vector<std::string>{lockId_, "SEM", "0"}), row[0]);
+    EXPECT_EQ((std::vector<std::string>{lockId_, holder.token(), "0"}), row[0]);
+    KSLockToken::Holder parts;
+    ASSERT_TRUE(KSLockToken::parse(holder.token(), parts)) << holder.token();
+    EXPECT_EQ(getpid(), parts.pid);
     EXPECT_FALSE(other.lockResource());
     EXPECT_FALSE(other.isLocked());
+    EXPECT_TRUE(other.token().empty());
 
     holder.unlock();
     EXPECT_EQ(0, rowsOf(lockId_));

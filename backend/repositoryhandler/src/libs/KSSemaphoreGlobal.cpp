@@ -4,6 +4,7 @@
 
 #include "DBConnector.h"
 #include "KSException.h"
+#include "KSLockToken.h"
 #include "LockDB.h"
 
 KSSemaphoreGlobal::KSSemaphoreGlobal(const std::string& name, kelp::db::DBConnector* connector)
@@ -22,16 +23,25 @@ KSSemaphoreGlobal::~KSSemaphoreGlobal() {
 }
 
 // The unique key on the lock id makes exactly one of several concurrent inserts succeed, so the
-// insert itself is the atomic test-and-set; a busy lock answers false at once.
+// insert itself is the atomic test-and-set; a busy lock answers false at once. Each attempt
+// carries a fresh token: a statement of an earlier take that the server runs late can never
+// match this take's row.
 bool KSSemaphoreGlobal::lockResource() {
-    locked_ = connector()->lockDB()->lockFirstTime(name_, name_, "SEM", 0);
+    std::string token = KSLockToken::next();
+    locked_ = connector()->lockDB()->lockFirstTime(name_, name_, token, 0);
+    token_ = locked_ ? token : std::string();
     return locked_;
 }
 
 void KSSemaphoreGlobal::unlock() {
     if (!locked_) return;
     locked_ = false;
-    connector()->lockDB()->releaseLock(name_);
+    std::string token;
+    token.swap(token_);
+    if (token.empty())
+        connector()->lockDB()->releaseLock(name_);
+    else
+        connector()->lockDB()->releaseLockOf(name_, token);
 }
 
 // An explicit unlock marks a fresh object as holding a lock that another took, so releasing

@@ -1,7 +1,13 @@
 #pragma once
 
 // A named lock held across every process that uses the same database: a row of the lock table
-// (kelp::db::LockDB). Waiting is the same as for KSSemaphore.
+// (kelp::db::LockDB) whose actor is a token of this take alone (KSLockToken). Waiting is the
+// same as for KSSemaphore.
+//
+// The connector repeats a statement whose connection was lost, and the server may have run the
+// first one: the token makes both statements safe to repeat. A repeated insert that meets a row
+// with this token has taken the lock; a release deletes only the row with this token, so a
+// repetition cannot remove a lock that another process took meanwhile.
 
 #include <memory>
 #include <string>
@@ -21,15 +27,20 @@ class KSSemaphoreGlobal : public KSSemaphore {
     KSSemaphoreGlobal(const std::string& name, kelp::db::DBConnector* connector);
     ~KSSemaphoreGlobal() override;
 
-    // One attempt: inserts the lock row. KSException when no connector can be made; database
-    // errors pass as kelp::db::DBException.
+    // One attempt: inserts the lock row with a new token. KSException when no connector can be
+    // made; database errors pass as kelp::db::DBException.
     bool lockResource() override;
-    // Deletes the lock row if this object holds the lock.
+    // If this object holds the lock: deletes the row with its token. When it was only marked as
+    // holding (setLocked, for a lock another took), deletes the row of whoever holds it now,
+    // by that holder's token.
     void unlock() override;
+    // The token of the lock this object took; empty when it took none.
+    const std::string& token() const { return token_; }
 
   private:
     kelp::db::DBConnector* connector();
 
     kelp::db::DBConnector* connector_;
     std::unique_ptr<kelp::db::DBConnector> ownConnector_;
+    std::string token_;
 };
