@@ -202,8 +202,8 @@ PSHandle DBConnectorSql::executeQuery(const std::string& sql, QueryBindings& bin
     return handle;
 }
 
-uint64_t DBConnectorSql::executeUpdate(PSSupplier& supplier, QueryBindings& bindings,
-                                       bool logError, RetryRecord* record) {
+uint64_t DBConnectorSql::executeUpdate(PSSupplier& supplier, QueryBindings& bindings, bool logError,
+                                       RetryRecord* record) {
     return runWithRetry<uint64_t>(supplier, "executeUpdate", logError, record,
                                   [&](PSHandle& handle) {
                                       uint64_t rows = handle.statement->executeUpdateEx(bindings);

@@ -98,7 +98,7 @@ PSHandle PSCache::executeQuery(const PsQuery& query, QueryBindings& bindings) {
 }
 
 uint64_t PSCache::executeUpdate(const PsQuery& query, QueryBindings& bindings, bool logError,
-                               RetryRecord* record) {
+                                RetryRecord* record) {
     CachedPSSupplier supplier(*this, query);
     return connector_.executeUpdate(supplier, bindings, logError, record);
 }
