@@ -97,6 +97,18 @@ long long DbAdmin::number(const std::string& sql) {
     return atoll(all[0][0].c_str());
 }
 
+bool tcpServerOfEnvironment(std::string& host, int& port, std::string& why) {
+    const char* name = env("MYSQL_HOST");
+    const char* number = env("MYSQL_TCP_PORT");
+    if (name == nullptr || number == nullptr || atoi(number) <= 0) {
+        why = "no TCP address of the database server: MYSQL_HOST and MYSQL_TCP_PORT are needed";
+        return false;
+    }
+    host = name;
+    port = atoi(number);
+    return true;
+}
+
 std::string uniqueName(const std::string& prefix) {
     static std::atomic<int> counter{0};
     return prefix + "_" + std::to_string(getpid()) + "_" + std::to_string(counter++);

@@ -46,6 +46,10 @@ class DbAdmin {
     MYSQL* handle_;
 };
 
+// The TCP address of the environment's server (MYSQL_HOST and MYSQL_TCP_PORT), for tests that
+// put something between the library and the server; false with why when none is given.
+bool tcpServerOfEnvironment(std::string& host, int& port, std::string& why);
+
 // A name unique to this test process, for rows and tables that parallel tests must not share.
 std::string uniqueName(const std::string& prefix);
 
