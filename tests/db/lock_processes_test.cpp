@@ -1,0 +1,155 @@
+// Several processes lock the same few names through the lock table while a real proxy loses a
+// few percent of the server's answers to the lock statements. A checker that does not use the
+// library watches the critical sections: inside, each process creates a marker file for the
+// name with O_EXCL, so a second process inside at the same time finds the file there.
+//
+// The processes reach the server of MYSQL_HOST:MYSQL_TCP_PORT (through the proxy), so the same
+// run can be pointed at any server, a cluster behind its load balancer included. The size of
+// the run comes from the environment for longer runs elsewhere: RH_LOCK_PROCESSES (4),
+// RH_LOCK_ROUNDS per process (80), RH_LOCK_DROP_PERCENT (5).
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "DBConnector.h"
+#include "DbTestEnv.h"
+#include "LostReplyProxy.h"
+#include "SmartSemaphore.h"
+#include "TempTree.h"
+
+using kelp::db::DBConnector;
+
+namespace {
+
+int envNumber(const char* name, int fallback) {
+    const char* value = getenv(name);
+    return value != nullptr && atoi(value) > 0 ? atoi(value) : fallback;
+}
+
+struct Tally {
+    long rounds = 0;      // critical sections entered
+    long violations = 0;  // entered while another process was inside
+    long timeouts = 0;    // locks not obtained within the 30 seconds
+    long errors = 0;      // exceptions and failing marker files
+};
+
+// One process's work: rounds locks over the names in turn, each held for a moment.
+Tally work(const std::vector<std::string>& names, const std::string& markers, int worker,
+           int rounds) {
+    Tally tally;
+    std::unique_ptr<DBConnector> connector(DBConnector::createConnector(false));
+    for (int round = 0; round < rounds; ++round) {
+        const std::string& name = names[size_t(worker + round) % names.size()];
+        try {
+            SmartSemaphore semaphore(true, name.c_str(), connector.get());
+            if (!semaphore.lock()) {
+                ++tally.timeouts;
+                continue;
+            }
+            ++tally.rounds;
+            const std::string marker = markers + "/" + name;
+            int fd = open(marker.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+            if (fd < 0) {
+                ++(errno == EEXIST ? tally.violations : tally.errors);
+                continue;  // the other process's marker stays theirs to remove
+            }
+            usleep(200 + 100 * unsigned(round % 8));
+            close(fd);
+            if (unlink(marker.c_str()) != 0) ++tally.errors;
+            semaphore.unlock();
+        } catch (...) {
+            ++tally.errors;
+        }
+    }
+    return tally;
+}
+
+}  // namespace
+
+TEST(LostReplyProcesses, processesLosingLockRepliesNeverShareANameLeaveNoRowAndNeverTimeOut) {
+    RH_REQUIRE_DB();
+    std::string host, why;
+    int port = 0;
+    if (!tcpServerOfEnvironment(host, port, why)) GTEST_SKIP() << why;
+    const int processes = envNumber("RH_LOCK_PROCESSES", 4);
+    const int rounds = envNumber("RH_LOCK_ROUNDS", 80);
+    const double dropRate = envNumber("RH_LOCK_DROP_PERCENT", 5) / 100.0;
+    TempTree tree;
+    const std::string markers = tree.mkdir("markers");
+    std::vector<std::string> names;
+    for (int i = 0; i < 3; ++i) names.push_back(uniqueName("KSRepositoryHandler-procs"));
+
+    // Workers are forked before the proxy starts its threads; they wait for the start signal
+    // (the pipe's write end closing) and then connect through the proxy.
+    LostReplyProxy proxy(host, port);
+    int go[2];
+    ASSERT_EQ(0, pipe(go));
+    std::vector<pid_t> workers;
+    for (int worker = 0; worker < processes; ++worker) {
+        fflush(nullptr);
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            close(go[1]);
+            char byte;
+            while (read(go[0], &byte, 1) > 0) {
+            }
+            unsetenv("MYSQL_UNIX_PORT");
+            setenv("MYSQL_HOST", "127.0.0.1", 1);
+            setenv("MYSQL_TCP_PORT", std::to_string(proxy.port()).c_str(), 1);
+            Tally tally = work(names, markers, worker, rounds);
+            std::ofstream(markers + "/.tally." + std::to_string(worker))
+                << tally.rounds << " " << tally.violations << " " << tally.timeouts << " "
+                << tally.errors << "\n";
+            _exit(0);
+        }
+        workers.push_back(pid);
+    }
+    close(go[0]);
+    proxy.dropAtRate({"INSERT INTO NVLOCK", "DELETE FROM NVLOCK"}, dropRate, 17);
+    proxy.start();
+    close(go[1]);
+
+    Tally total;
+    for (size_t worker = 0; worker < workers.size(); ++worker) {
+        int status = 0;
+        while (waitpid(workers[worker], &status, 0) < 0 && errno == EINTR) {
+        }
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "worker " << worker;
+        Tally tally;
+        std::ifstream in(markers + "/.tally." + std::to_string(worker));
+        ASSERT_TRUE(in >> tally.rounds >> tally.violations >> tally.timeouts >> tally.errors)
+            << "worker " << worker << " left no tally";
+        total.rounds += tally.rounds;
+        total.violations += tally.violations;
+        total.timeouts += tally.timeouts;
+        total.errors += tally.errors;
+    }
+
+    EXPECT_EQ(0, total.violations) << "two processes were inside at once";
+    EXPECT_EQ(0, total.timeouts);
+    EXPECT_EQ(0, total.errors);
+    EXPECT_EQ(long(processes) * rounds, total.rounds);
+    EXPECT_GT(proxy.dropped(), 0) << "no reply was lost: the run proved nothing";
+    DbAdmin admin;
+    long long left = 0;
+    for (const std::string& name : names) {
+        left += admin.number("SELECT COUNT(*) FROM NVLOCK WHERE LCKRESOURCE='" + name + "'");
+        admin.exec("DELETE FROM NVLOCK WHERE LCKRESOURCE='" + name + "'");
+    }
+    EXPECT_EQ(0, left) << "lock rows were left behind";
+    RecordProperty("dropped", proxy.dropped());
+    RecordProperty("connections", proxy.connections());
+    std::printf("%d processes, %ld critical sections, %d replies lost, %d connections\n", processes,
+                total.rounds, proxy.dropped(), proxy.connections());
+}
