@@ -1,4 +1,4 @@
-// Round trips of a database lock (LockDBSql::lockFirstTime + releaseLock) against the private
+// Round trips of a database lock (LockDBSql::lockFirstTime + releaseLockOf) against the private
 // server of scripts/mariadb, as a ratio to the floor measured in the same run: the same INSERT
 // and DELETE through the bare client API, with both statements prepared once. Also reports the
 // statements the connector prepared per 10,000 calls after warm-up (should be 0).
@@ -47,7 +47,8 @@ class BareLock {
         insert_ = prepare("INSERT INTO " + table +
                           " (LCKID,LCKRESOURCE,LCKACTOR,LCKTYPE,LCKTIME,LCKCOUNTER) VALUES "
                           "(?,?,?,?,NOW(),1)");
-        delete_ = prepare("delete from " + table + " where  LCKID=? and LCKCOUNTER<2");
+        delete_ = prepare("delete from " + table +
+                          " where  LCKID=? and COALESCE(LCKACTOR,'')=? and LCKCOUNTER<2");
     }
     ~BareLock() {
         mysql_stmt_close(insert_);
@@ -71,7 +72,8 @@ class BareLock {
         params[3].buffer_type = MYSQL_TYPE_LONG;
         params[3].buffer = &type;
         run(insert_, params);
-        run(delete_, params);
+        MYSQL_BIND byHolder[2] = {params[0], params[2]};
+        run(delete_, byHolder);
     }
 
   private:
@@ -121,7 +123,8 @@ void BM_lockRoundTrip(benchmark::State& state) {
     std::unique_ptr<kelp::db::DBConnector> connector(kelp::db::DBConnector::createConnector(false));
     kelp::db::LockDB* locks = connector->lockDB();
     auto library = [locks] {
-        if (!locks->lockFirstTime(kLockId, "resource", "actor", 1) || !locks->releaseLock(kLockId))
+        if (!locks->lockFirstTime(kLockId, "resource", "actor", 1) ||
+            !locks->releaseLockOf(kLockId, "actor"))
             throw std::runtime_error("the benchmark lock was busy");
     };
     library();  // warm-up: the statements are prepared here

@@ -35,6 +35,13 @@ bool isConnectionLost(uint32_t code) {
     return code == 4031 || code == 2006 || code == 2013;
 }
 
+// The supplier of work that brings its own statements: nothing to create or give back.
+class NoStatementSupplier : public PSSupplier {
+  public:
+    PSHandle create() override { return PSHandle(); }
+    void release(SqlStatement*) override {}
+};
+
 }  // namespace
 
 DBConnectorSql::DBConnectorSql(std::unique_ptr<Sql> sql) : sql_(std::move(sql)) {}
@@ -216,6 +223,12 @@ uint64_t DBConnectorSql::executeUpdate(const std::string& sql, QueryBindings& bi
                                        bool logError) {
     RawPSSupplier supplier(*this, sql);
     return executeUpdate(supplier, bindings, logError);
+}
+
+uint64_t DBConnectorSql::executeAttempts(bool logError, const std::function<uint64_t()>& work) {
+    NoStatementSupplier supplier;
+    return runWithRetry<uint64_t>(supplier, "executeUpdate", logError, nullptr,
+                                  [&](PSHandle&) { return work(); });
 }
 
 }  // namespace db

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -62,6 +63,14 @@ class DBConnectorSql : public DBConnector {
     uint64_t executeUpdate(PSSupplier& supplier, QueryBindings& bindings, bool logError,
                            RetryRecord* record = nullptr);
     uint64_t executeUpdate(const std::string& sql, QueryBindings& bindings, bool logError);
+
+    // Runs work, which executes several statements on this connector's connection (statements
+    // from PSCache::getPS, run with their ...Ex calls, e.g. a transaction), through the retry
+    // loop as if it were one update: each attempt holds the Sql's mutex throughout, and a
+    // SqlException out of work is logged (when logError), classified and retried like a
+    // statement's, with work called again from its start. work must leave no transaction open
+    // when it throws. Returns what work returned.
+    uint64_t executeAttempts(bool logError, const std::function<uint64_t()>& work);
 
     // The open connection, opened now if there is none. Throws SqlException. Call under
     // sql().mutex() when the connection is then used.

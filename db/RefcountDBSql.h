@@ -11,10 +11,12 @@ namespace kelp {
 namespace db {
 
 class DBConnectorSql;
+class QueryBindings;
 
-// RefcountDB on MySQL. Counting is done by the server in single statements, so referrers on
-// different connections never lose an update. Table names from REFCOUNTTBL (default "REFCOUNT")
-// and OBJECTTBL (default "OBJECTFILE").
+// RefcountDB on MySQL. Counting is done by the server, so referrers on different connections
+// never lose an update; updates that are not safe to run twice (counting, the removal lock,
+// object row deletes) run once even when the connector repeats them after a lost reply. Table names
+// from REFCOUNTTBL (default "REFCOUNT") and OBJECTTBL (default "OBJECTFILE").
 class RefcountDBSql : public RefcountDB, public PSCache {
   public:
     explicit RefcountDBSql(DBConnectorSql& connector);
@@ -38,6 +40,17 @@ class RefcountDBSql : public RefcountDB, public PSCache {
 
   private:
     void registerStatements();
+    void registerOnceStatements();
+    // Runs an update that must take effect once even when the connector repeats it after a
+    // lost reply (see the definition); returns its found rows.
+    uint64_t updateOnce(const PsQuery& query, std::initializer_list<const std::string*> params);
+    // One attempt of updateOnce, on the connection, under its mutex. Throws SqlException.
+    uint64_t onceAttempt(const PsQuery& query, std::initializer_list<const std::string*> params,
+                         const std::string& token, bool repeated);
+    // Executes a statement of this facet on the connection, without retrying.
+    uint64_t runEx(const PsQuery& query, QueryBindings& bindings);
+    // The row count kept in token's row; false when no such row is committed.
+    bool tokenRowCount(const std::string& token, uint64_t& rows);
     // Runs an update whose parameters are all strings.
     uint64_t update(const PsQuery& query, std::initializer_list<const std::string*> params);
     // Runs a query whose parameters are all strings and fetches its first row, its one result
@@ -66,6 +79,12 @@ class RefcountDBSql : public RefcountDB, public PSCache {
     PsQuery createLock_;
     PsQuery deleteLock_;
     PsQuery listReferrers_;
+    PsQuery begin_;
+    PsQuery commit_;
+    PsQuery rollback_;
+    PsQuery insertToken_;
+    PsQuery tokenRows_;
+    PsQuery deleteToken_;
 };
 
 }  // namespace db

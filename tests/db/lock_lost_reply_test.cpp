@@ -22,7 +22,6 @@
 #include "LockDB.h"
 #include "LockDBSql.h"
 #include "LostReplyProxy.h"
-#include "ScopedEnv.h"
 #include "SmartSemaphore.h"
 #include "SyslogCapture.h"
 #include "TempTree.h"
@@ -57,13 +56,7 @@ class LostLockReply : public ::testing::Test {
     }
 
     // A connector whose every connection goes through the proxy.
-    std::unique_ptr<DBConnector> proxiedConnector() {
-        ScopedEnv socket("MYSQL_UNIX_PORT", nullptr);
-        ScopedEnv host("MYSQL_HOST", "127.0.0.1");
-        const std::string port = std::to_string(proxy_->port());
-        ScopedEnv tcp("MYSQL_TCP_PORT", port.c_str());
-        return directConnector();
-    }
+    std::unique_ptr<DBConnector> proxiedConnector() { return connectorThroughPort(proxy_->port()); }
     DbAdmin& admin() {
         if (!admin_) admin_ = std::make_unique<DbAdmin>();
         return *admin_;

@@ -6,6 +6,9 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "DBConnector.h"
+#include "ScopedEnv.h"
+
 namespace {
 
 const char* env(const char* name) {
@@ -107,6 +110,15 @@ bool tcpServerOfEnvironment(std::string& host, int& port, std::string& why) {
     host = name;
     port = atoi(number);
     return true;
+}
+
+// The connector reads its address when it is made and keeps it.
+std::unique_ptr<kelp::db::DBConnector> connectorThroughPort(int port) {
+    ScopedEnv socket("MYSQL_UNIX_PORT", nullptr);
+    ScopedEnv host("MYSQL_HOST", "127.0.0.1");
+    const std::string text = std::to_string(port);
+    ScopedEnv tcp("MYSQL_TCP_PORT", text.c_str());
+    return std::unique_ptr<kelp::db::DBConnector>(kelp::db::DBConnector::createConnector(false));
 }
 
 std::string uniqueName(const std::string& prefix) {

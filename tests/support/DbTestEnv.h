@@ -2,6 +2,7 @@
 
 #include <mysql.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,16 @@ class DbAdmin {
 // The TCP address of the environment's server (MYSQL_HOST and MYSQL_TCP_PORT), for tests that
 // put something between the library and the server; false with why when none is given.
 bool tcpServerOfEnvironment(std::string& host, int& port, std::string& why);
+
+namespace kelp {
+namespace db {
+class DBConnector;
+}
+}  // namespace kelp
+
+// A connector of the library whose connections go to 127.0.0.1:port over TCP (a proxy in
+// front of the environment's server) instead of the environment's address.
+std::unique_ptr<kelp::db::DBConnector> connectorThroughPort(int port);
 
 // A name unique to this test process, for rows and tables that parallel tests must not share.
 std::string uniqueName(const std::string& prefix);
