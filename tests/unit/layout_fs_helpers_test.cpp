@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 #include <utime.h>
 
@@ -10,7 +11,9 @@
 #include <memory>
 #include <string>
 
+#include "ClockControl.h"
 #include "KSAssertionException.h"
+#include "KSClock.h"
 #include "KSLegacyLinks.h"
 #include "KSPathUtils.h"
 #include "SyslogCapture.h"
@@ -193,6 +196,37 @@ TEST(LayoutFsHelpers, clearEmptyHashRemovesEmptyLevelsOnlyAfterTheResourceIsGone
     EXPECT_EQ(TempTree::read(file), "not a hash level") << "only directories are removed";
 }
 
+// The reservation that prepareHashLevels gives the last level keeps it for the resource it was
+// handed out for: clean-ups after other resources leave it until it runs out.
+TEST(LayoutFsHelpers, aReservedHashLevelStaysUntilItsOwnResourceIsRemovedOrItRunsOut) {
+    ClockGuard clock;
+    TempTree tree;
+    const std::string mount = tree.mkdir("m");
+    const std::string level = mount + "/AB/CD/EF";
+    ASSERT_TRUE(prepareHashLevels(mount, level + "/", "x"));
+    ASSERT_TRUE(present(level));
+
+    clearEmptyHash((level + "/y").c_str());
+    EXPECT_TRUE(present(level)) << "reserved for x, not for y";
+    touchHashedDirs((level + "/z").c_str());
+    clearEmptyHash((level + "/y").c_str());
+    EXPECT_TRUE(present(level)) << "renewing the times keeps the reservation";
+    clearEmptyHash((level + "/x").c_str());
+    EXPECT_FALSE(present(mount + "/AB")) << "x was created and removed: its levels go";
+
+    ASSERT_TRUE(prepareHashLevels(mount, level + "/", "x"));
+    ASSERT_TRUE(prepareHashLevels(mount, level + "/", "y"));
+    clearEmptyHash((level + "/x").c_str());
+    clearEmptyHash((level + "/y").c_str());
+    EXPECT_TRUE(present(level)) << "reserved for two: neither removal can tell it is the last";
+    KSClock::advanceForTesting(121);
+    clearEmptyHashLevels(mount, "AB/CD/EF");
+    EXPECT_FALSE(present(mount + "/AB")) << "the reservation ran out";
+
+    tree.write("f/AB/CD", "a file where a level should be");
+    EXPECT_FALSE(prepareHashLevels(tree.path("f"), tree.path("f/AB/CD/EF/"), "x"));
+}
+
 TEST(LayoutFsHelpers, touchHashedDirsRenewsTheThreeLevelsAndTheMountButNothingAbove) {
     TempTree tree;
     tree.mkdir("top/m/AB/CD/EF/res");
@@ -221,13 +255,24 @@ TEST(LayoutFsHelpers, listDirAppendsEntriesAndCanLeaveDirectoriesOut) {
     std::list<std::string> files;
     EXPECT_EQ(listDir(tree.path("d").c_str(), &files, true, true), 1);
     EXPECT_EQ(files, std::list<std::string>{"file"});
+}
 
+TEST(LayoutFsHelpers, listDirReportsAVanishedDirectoryQuietlyAndOtherFailuresAsErrors) {
+    TempTree tree;
+    const std::string file = tree.write("plain", "x");
     SyslogCapture log;
     std::list<std::string> none;
     EXPECT_EQ(listDir(tree.path("missing").c_str(), &none, false, false), 0);
-    EXPECT_TRUE(log.findEqual("listDir could not open '" + tree.path("missing") +
-                              "'; errno : 2 (No such file or directory)\n")
-                    .has_value());
+    EXPECT_EQ(listDir(file.c_str(), &none, true, false), 0);
+
+    const auto vanished = log.findEqual("listDir could not open '" + tree.path("missing") +
+                                        "'; errno : 2 (No such file or directory)\n");
+    ASSERT_TRUE(vanished.has_value());
+    EXPECT_EQ(vanished->priority, LOG_DEBUG) << "a directory removed meanwhile is no error";
+    const auto notADirectory =
+        log.findEqual("listDir could not open '" + file + "'; errno : 20 (Not a directory)\n");
+    ASSERT_TRUE(notADirectory.has_value());
+    EXPECT_EQ(notADirectory->priority, LOG_ERR);
 }
 
 TEST(LayoutFsHelpers, listDirScansWithoutChangingAccessTimesUnlessAskedToOpenPlainly) {

@@ -100,6 +100,9 @@ CandidateMoveResult moveCandidate(KSRepositoryHandler& repository, const Candida
     if (wasDirty && how.skipDirty) return CandidateMoveResult::Touched;
 
     std::string destination = resourceLocation(target.path(), entry.name.c_str());
+    // Reserved, so that no clean-up of the level takes it away before the copy is in it.
+    prepareHashLevels(target.path(), destination.substr(0, destination.rfind('/') + 1),
+                      entry.name.c_str());
     logMove(repository, how, entry, destination);
     // Marked before the first byte is copied; see the header.
     if (!wasDirty) dirty.setDirty(how.connection, entry.name.c_str(), true);
@@ -121,7 +124,12 @@ CandidateMoveResult moveCandidate(KSRepositoryHandler& repository, const Candida
         return CandidateMoveResult::Conflict;  // stays dirty: both copies wait for a decision
     }
     settleDirtyMark(repository, how, entry, destination, wasDirty);
+    const bool onTarget = exists(destination.c_str()) && !exists(entry.path.c_str());
+    // The levels prepared for a copy that did not happen.
+    if (!exists(destination.c_str())) clearEmptyHash(destination.c_str());
     if ((result & 8) || (result != 0 && !how.acceptRawStatus)) return CandidateMoveResult::Failed;
+    // Whatever moveRes answered, the disk decides whether the resource moved.
+    if (!onTarget) return CandidateMoveResult::Stayed;
 
     clearEmptyHash(entry.path.c_str());
     repository.progress().moved++;

@@ -24,7 +24,9 @@ class DBConnector;
 }  // namespace kelp
 
 enum class CandidateMoveResult {
-    Moved,     // moveRes reported success (see CandidateMove::acceptRawStatus)
+    Moved,     // the resource is on the target and no longer on its old mount
+    Stayed,    // moveRes reported no failure bit (e.g. a failed copy command's raw status,
+               // see CandidateMove::acceptRawStatus), but the resource did not leave its mount
     Refused,   // the lock could not be had
     Touched,   // used since it was gathered, or dirty: left alone
     Vanished,  // the origin no longer exists
@@ -44,8 +46,8 @@ struct CandidateMove {
     // Skip a resource in the dirty set (its copies are waiting for a merge decision).
     bool skipDirty = true;
     // A moveRes result without the conflict (2) or failure (8) bit, such as the raw status of
-    // a failed copy command, counts as Moved, as the overload loops take it (the origin then
-    // stays where it was). false: only 0 is Moved and any other result is Failed.
+    // a failed copy command, is no failure: the result is Moved or Stayed by what is on disk.
+    // false: any non-zero result is Failed.
     bool acceptRawStatus = true;
 };
 

@@ -32,11 +32,13 @@ bool isDirectory(const std::string& path) {
     return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// mkdirs does not report a failing last mkdir, so success is judged by the result on disk.
-bool makeDirectoryWithRetries(const std::string& directory, int* savedErrno) {
+// The levels are reserved for `name`, so that no clean-up removes them before the caller has
+// created the resource (see clearEmptyHash).
+bool makeLevelsWithRetries(const std::string& mount, const std::string& levels,
+                           const std::string& name, int* savedErrno) {
     for (int attempt = 0; attempt < kMkdirsAttempts; ++attempt) {
         errno = 0;
-        if (mkdirs(directory.c_str(), 0755) == 0 && isDirectory(directory)) return true;
+        if (prepareHashLevels(mount, levels, name.c_str())) return true;
         *savedErrno = errno;
     }
     return false;
@@ -98,7 +100,7 @@ char* KSMountPointHandler::createLocation(const char* resource, int* status, boo
     std::string name = checkedResourceName(resource);
     std::string levels = hashLevelsOf(path_, name);
     int error = 0;
-    if (!makeDirectoryWithRetries(levels, &error)) {
+    if (!makeLevelsWithRetries(path_, levels, name, &error)) {
         logMkdirsFailure(levels, error);
         *status = RESOURCE_STATUS_ERRONEOUS;
         return nullptr;

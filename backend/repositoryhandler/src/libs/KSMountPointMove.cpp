@@ -128,7 +128,10 @@ int KSMountPointHandler::moveResourcesNewInner(kelp::db::DBConnector* connection
 
     for (size_t k = 0; k < hashes.size(); ++k) {
         const std::string& hash = hashes[(start + k) % hashes.size()];
-        for (const std::string& name : sortedNames(path_ + "/" + hash, false)) {
+        const std::vector<std::string> names = sortedNames(path_ + "/" + hash, false);
+        // Levels left empty while another resource's reservation ran (see clearEmptyHash).
+        if (names.empty()) clearEmptyHashLevels(path_, hash);
+        for (const std::string& name : names) {
             if (checkoverloadStopped) {
                 resumeHash = hash;
                 return finish(3);

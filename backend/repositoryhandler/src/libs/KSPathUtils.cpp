@@ -12,6 +12,8 @@
 #include <cstring>
 
 #include "KSAssertionException.h"
+#include "KSClock.h"
+#include "KSHashLevelLock.h"
 #include "KSLogger.h"
 #include "repohandler.h"
 
@@ -449,8 +451,15 @@ int listDir(const char* path, std::list<std::string>* names, bool plainOpen, boo
     DirHandle dir(openDirectory(path, plainOpen));
     if (dir.get() == nullptr) {
         const int error = errno;
-        rh_logger.errorLog("listDir could not open '%s'; errno : %d (%s)\n", path, error,
-                           errnoText(error).c_str());
+        // Walks list directories from an earlier listing; one removed meanwhile (an emptied
+        // hash level, a moved resource) is normal and no error for the operator.
+        if (error == ENOENT) {
+            rh_logger.debugLog("listDir could not open '%s'; errno : %d (%s)\n", path, error,
+                               errnoText(error).c_str());
+        } else {
+            rh_logger.errorLog("listDir could not open '%s'; errno : %d (%s)\n", path, error,
+                               errnoText(error).c_str());
+        }
         return 0;
     }
     while (const dirent* entry = readdir(dir.get())) {
@@ -461,6 +470,8 @@ int listDir(const char* path, std::list<std::string>* names, bool plainOpen, boo
     return static_cast<int>(names->size());
 }
 
+// The level directly above the resource keeps its access time: it may hold a reservation (see
+// clearEmptyHash), which renewing it to now would end.
 void touchHashedDirs(const char* path) {
     if (path == nullptr) return;
     std::string current = path;
@@ -468,20 +479,152 @@ void touchHashedDirs(const char* path) {
         const size_t slash = current.rfind('/');
         if (slash == std::string::npos) return;
         current.resize(slash);
-        if (exists(current.c_str())) utime(current.c_str(), nullptr);
+        if (!exists(current.c_str())) continue;
+        if (level == 0) {
+            const struct timespec times[2] = {{0, UTIME_OMIT}, {0, UTIME_NOW}};
+            utimensat(AT_FDCWD, current.c_str(), times, 0);
+        } else {
+            utime(current.c_str(), nullptr);
+        }
     }
+}
+
+// ---- creating and removing hash levels --------------------------------------------------
+//
+// Many threads and processes create hash levels on a mount (new locations, moves, merges) while
+// others remove the levels that a removal or a move has left empty. The protocol between them:
+//
+// 1. A level is removed only with rmdir, which fails on a directory that holds anything, so a
+//    level holding a resource, or a resource being copied in, is never removed.
+// 2. Creating the levels of a location (and reserving them, 4.) and deciding on and removing
+//    empty levels both happen under the mount's KSHashLevelLock. A clean-up therefore never
+//    acts on what it saw before a creator prepared the levels, and a creator never returns
+//    levels that a clean-up is about to remove.
+// 3. Every creator reserves the last level for its resource (4.), the moves as well
+//    (moveCandidate) although they copy the resource in at once. A move counts as done only
+//    when the resource is on the target.
+// 4. A location handed to a caller (createLocation_) stays empty until the caller creates the
+//    resource, after the library has returned and released the lock. For that time the last
+//    level carries a reservation: its access time is set kReservationSeconds into the future,
+//    with the nanoseconds naming the resource it was reserved for (reservationTag; 0 when
+//    several resources reserved it at once). A clean-up leaves a reserved level alone, except
+//    when the reservation is that of the very resource whose removal it follows: that resource
+//    was created, so the reservation has done its work.
+// 5. Nothing else moves an access time into the future, and nothing lowers one that lies
+//    there: touchHashedDirs renews only the modification time of the last level, the walks read
+//    with O_NOATIME, and relatime or noatime do not update an access time that is later than the
+//    modification and change times (a strictatime mount would end reservations early).
+//
+// An empty level is therefore left behind only while another resource's reservation runs; the
+// clean-up after that resource, or any clean-up of the level after the reservation ran out
+// (clearEmptyHashLevels on the maintenance's walks), removes it.
+
+namespace {
+
+constexpr time_t kReservationSeconds = 120;
+constexpr long kSharedReservation = 0;
+
+// 1 .. 999999999, from the resource's name (FNV-1a).
+long reservationTag(const std::string& name) {
+    uint64_t hash = 1469598103934665603ull;
+    for (unsigned char c : name) {
+        hash ^= c;
+        hash *= 1099511628211ull;
+    }
+    return static_cast<long>(hash % 999999999ull) + 1;
+}
+
+bool reservationRuns(const struct stat& st) {
+    return st.st_atim.tv_sec > KSClock::now();
+}
+
+// Sets or extends the reservation of `level` for `name`. Called under the mount's lock.
+void reserveLevel(const std::string& level, const std::string& name) {
+    struct stat st;
+    if (::stat(level.c_str(), &st) != 0) return;
+    struct timespec times[2] = {{KSClock::now() + kReservationSeconds, reservationTag(name)},
+                                {0, UTIME_OMIT}};
+    if (reservationRuns(st)) {
+        if (st.st_atim.tv_nsec != times[0].tv_nsec) times[0].tv_nsec = kSharedReservation;
+        if (st.st_atim.tv_sec > times[0].tv_sec) times[0].tv_sec = st.st_atim.tv_sec;
+    }
+    if (utimensat(AT_FDCWD, level.c_str(), times, 0) != 0) {
+        rh_logger.debugLog("The hash level \"%s\" could not be reserved: %s", level.c_str(),
+                           errnoText(errno).c_str());
+    }
+}
+
+// True when `level` is reserved for some resource other than `name`.
+bool reservedForOther(const std::string& level, const std::string& name) {
+    struct stat st;
+    if (::lstat(level.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || !reservationRuns(st))
+        return false;
+    return st.st_atim.tv_nsec != reservationTag(name);
+}
+
+// The text before the last slash of `path` (cut there); false when there is no slash.
+bool cutAtLastSlash(std::string& path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return false;
+    path.resize(slash);
+    return true;
+}
+
+// Under the mount's lock: removes the empty levels above `resource` (a name on the mount),
+// starting with `level`, at most `count` of them, unless the first is reserved for another.
+void removeEmptyLevels(const std::string& mount, std::string level, int count,
+                       const std::string& resource) {
+    KSHashLevelLock lock(mount);
+    // Without the lock no creator can be kept out: the levels stay.
+    if (!lock.held()) return;
+    if (reservedForOther(level, resource)) return;
+    for (int removed = 0; removed < count; ++removed) {
+        // rmdir, not remove: a plain file where a hash level should be is data, never cleared.
+        if (rmdir(level.c_str()) != 0) return;
+        if (!cutAtLastSlash(level)) return;
+    }
+}
+
+}  // namespace
+
+bool prepareHashLevels(const std::string& mount, const std::string& levels, const char* name) {
+    std::string last = levels;
+    while (last.size() > 1 && last.back() == '/') last.pop_back();
+    KSHashLevelLock lock(mount);
+    if (mkdirs(levels.c_str(), 0755) != 0) return false;
+    struct stat st;
+    if (::stat(last.c_str(), &st) != 0) return false;
+    if (!S_ISDIR(st.st_mode)) {
+        errno = ENOTDIR;
+        return false;
+    }
+    // Without the lock clean-ups leave every level, so none needs a reservation.
+    if (lock.held()) reserveLevel(last, name == nullptr ? "" : name);
+    return true;
 }
 
 void clearEmptyHash(const char* path) {
     if (path == nullptr || exists(path)) return;
-    std::string current = path;
-    for (int cut = 0; cut < 3; ++cut) {
-        const size_t slash = current.rfind('/');
-        if (slash == std::string::npos) return;
-        current.resize(slash);
-        // rmdir, not remove: a plain file where a hash level should be is data, never cleared.
-        if (rmdir(current.c_str()) != 0) return;
+    const std::string resource = path;
+    std::string level = resource;
+    if (!cutAtLastSlash(level)) return;
+    // The mount is the directory above the three hash levels.
+    std::string mount = level;
+    for (int up = 0; up < 3; ++up) {
+        if (!cutAtLastSlash(mount)) {
+            mount = ".";
+            break;
+        }
     }
+    if (mount.empty()) mount = "/";
+    const size_t slash = resource.rfind('/');
+    removeEmptyLevels(mount, level, 3, resource.substr(slash + 1));
+}
+
+void clearEmptyHashLevels(const std::string& mount, const std::string& levels) {
+    std::string level = mount + "/" + levels;
+    while (level.size() > 1 && level.back() == '/') level.pop_back();
+    removeEmptyLevels(mount, level, 3, std::string());
 }
 
 // ---- directories on a mount -----------------------------------------------------------------

@@ -48,9 +48,22 @@ long getSize(const char* path, struct stat* known);
 // Without plainOpen the scan keeps access times (O_NOATIME), except in directories of others,
 // where the kernel refuses that flag to an unprivileged caller and a plain open is used.
 int listDir(const char* path, std::list<std::string>* names, bool plainOpen, bool skipDirectories);
+// Renews the times of the hash levels above path and of the mount (the level directly above
+// path: its modification time only).
 void touchHashedDirs(const char* path);
-// Once path is gone, removes up to three empty directories above it; files are never removed.
+// Once path (a resource on a mount: mount/AB/CD/EF/name) is gone, removes up to three empty
+// directories above it; files are never removed, and neither is a level reserved for another
+// resource (see prepareHashLevels). Safe against concurrent creators; the protocol is explained
+// in KSPathUtils.cpp.
 void clearEmptyHash(const char* path);
+// Removes the hash levels `levels` ("AB/CD/EF") of `mount` as far as they are empty and the last
+// is not reserved: the clean-up of levels that a reservation kept.
+void clearEmptyHashLevels(const std::string& mount, const std::string& levels);
+// Creates `levels` (below the directory `mount`, e.g. mount + "/AB/CD/EF/") and reserves the
+// last of them for the resource `name`: for the next two minutes no clean-up removes it, so a
+// caller can create the resource there after this returns. false (errno set) when the levels
+// could not be created.
+bool prepareHashLevels(const std::string& mount, const std::string& levels, const char* name);
 
 // Relative paths with a "." or ".." component are refused (logged): create returns 1, remove -1.
 // removeDirectory unlinks only symbolic links on the legacy side (a plain file there is kept)

@@ -99,6 +99,8 @@ int KSRepositoryHandler::moveResourcesFromMount(kelp::db::DBConnector* connectio
             if (nomove != nullptr) nomove->setNomove(entry.name.c_str(), false);
             say(verbose, "Move succeeded");
             ++moved;
+        } else if (result == CandidateMoveResult::Stayed) {
+            say(verbose, "Move did not complete, the resource stays on its mount");
         }
         targetIndex = getActualMountPointForMove(mount, verbose);
         if (verbose)

@@ -101,16 +101,76 @@ int moveIntoExistingDirectory(KSRepositoryHandler* repository, const char* origi
     return 0;
 }
 
+// What a first copy did: mountRename's result and, when it failed, the reason in words.
+struct FirstCopy {
+    int result = 0;
+    std::string why;
+};
+
+bool isPresent(const char* path) {
+    struct stat st;
+    return lstat(path, &st) == 0;
+}
+
+FirstCopy failedCommand(int status, const ShellCommand& command, const char* what) {
+    if (command.refused())
+        return {status, std::string(what) + " was refused: a name would leave its quotes"};
+    return {status, std::string(what) + " " + ShellCommand::describeStatus(status)};
+}
+
+// Copies with cp; a failed copy is removed again unless something stood at the destination
+// before (then it is not a first copy).
+FirstCopy copyWithCp(const char* origin, const char* destination) {
+    const bool existed = isPresent(destination);
+    ShellCommand command("cp -rp '");
+    command.insideSingleQuotes(origin).raw("' '").insideSingleQuotes(destination).raw("'");
+    const int copied = command.run();
+    if (copied == 0) return {};
+    // Typically the target filled up. The origin is complete and untouched; a half copy left
+    // here would be merged file by file by every later lookup and block the resource's removal.
+    if (!existed) removeTree(destination);
+    return failedCommand(copied, command, "cp -rp");
+}
+
+FirstCopy firstCopy(const char* origin, const char* destination, KSMoveFunction copy,
+                    const char* copyParams) {
+    std::unique_ptr<char[]> parent(baseDir(destination));
+    if (!parent) return {-1, "the destination has no parent directory"};
+    if (mkdirs(parent.get(), 0755) != 0) {
+        const int error = errno;
+        return {-1, std::string("the directory \"") + parent.get() +
+                        "\" could not be created: " + errnoText(error)};
+    }
+    if (copy != nullptr) {
+        const int result = copy(origin, destination, copyParams);
+        if (result == 0) return {};
+        return {result, "the copy plug-in returned " + std::to_string(result)};
+    }
+    FirstCopy copied = copyWithCp(origin, destination);
+    if (copied.result != 0) return copied;
+    ShellCommand compare("diff -q -r '");
+    compare.insideSingleQuotes(origin).raw("' '").insideSingleQuotes(destination).raw("'");
+    const int compared = compare.run();
+    if (compared != 0) {
+        // The copy is wrong: it goes, the origin stays.
+        removeTree(destination);
+        FirstCopy failed = failedCommand(compared, compare, "diff -q -r");
+        failed.why = "the copy differs from the origin: " + failed.why;
+        return failed;
+    }
+    removeTree(origin);
+    return {};
+}
+
 // Destination missing: the first copy, which keeps the origin's times.
 int moveToFreshDestination(const char* origin, const char* destination, KSMoveFunction copy,
                            const char* copyParams, const struct stat& kept) {
-    const int result = mountRename(origin, destination, copy, copyParams);
-    if (result != 0) {
-        const int error = errno;
+    const FirstCopy copied = firstCopy(origin, destination, copy, copyParams);
+    if (copied.result != 0) {
         rh_logger.errorLog(
             "The resource \"%s\" could not be renamed to \"%s\". Error code is %d - %s", origin,
-            destination, error, errnoText(error).c_str());
-        return result;
+            destination, copied.result, copied.why.c_str());
+        return copied.result;
     }
     restoreTimes(destination, kept);
     return 0;
@@ -170,27 +230,7 @@ int moveRes(KSRepositoryHandler* repository, const char* origin, const char* des
 int mountRename(const char* origin, const char* destination, KSMoveFunction copy,
                 const char* copyParams) {
     KS_ASSERT_NOT_NULL(origin, kAssertFile);
-    std::unique_ptr<char[]> parent(baseDir(destination));
-    if (!parent) return -1;
-    const int made = mkdirs(parent.get(), 0755);
-    if (made != 0) return made;
-    if (copy != nullptr) return copy(origin, destination, copyParams);
-
-    const int copied = ShellCommand("cp -rp '")
-                           .insideSingleQuotes(origin)
-                           .raw("' '")
-                           .insideSingleQuotes(destination)
-                           .raw("'")
-                           .run();
-    if (copied != 0) return copied;
-    const int compared = compareTrees(origin, destination);
-    if (compared != 0) {
-        // The copy is wrong: it goes, the origin stays.
-        removeTree(destination);
-        return compared;
-    }
-    removeTree(origin);
-    return 0;
+    return firstCopy(origin, destination, copy, copyParams).result;
 }
 
 void moveCallback(const char* callback, const char* destination, const char* shortName,

@@ -17,6 +17,9 @@ int moveRes(KSRepositoryHandler* repository, const char* origin, const char* des
             const char* shortName, const char* repositoryName, bool verbose);
 // First copy onto a mount where the resource does not exist yet: copy, compare, remove.
 // A null origin throws KSAssertionException; a destination without a parent gives -1.
+// A failed cp leaves no copy behind when nothing stood at the destination before (the origin is
+// untouched); a plug-in's failure is left as the plug-in leaves it. A caller that copies into a
+// hash level reserves it first (prepareHashLevels), so that no clean-up removes it meanwhile.
 int mountRename(const char* origin, const char* destination, KSMoveFunction copy,
                 const char* copyParams);
 // Tells the study callback ($TASKD_HOME/runjavacmd) of a move or a deletion. Either path may

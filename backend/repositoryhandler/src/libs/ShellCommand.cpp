@@ -1,5 +1,7 @@
 #include "ShellCommand.h"
 
+#include <sys/wait.h>
+
 #include <cstdlib>
 #include <stdexcept>
 
@@ -54,4 +56,11 @@ std::string ShellCommand::capture() const {
         rh_logger.errorLog("Command could not be started: %s", text_.c_str());
         return std::string();
     }
+}
+
+std::string ShellCommand::describeStatus(int status) {
+    if (status == -1) return "could not be started";
+    if (WIFEXITED(status)) return "exited with status " + std::to_string(WEXITSTATUS(status));
+    if (WIFSIGNALED(status)) return "was killed by signal " + std::to_string(WTERMSIG(status));
+    return "ended with raw status " + std::to_string(status);
 }

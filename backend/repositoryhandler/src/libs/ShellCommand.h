@@ -33,6 +33,10 @@ class ShellCommand {
     // popen(): the command's whole standard output; empty when refused.
     std::string capture() const;
 
+    // A raw status of run() in words: "exited with status 1", "was killed by signal 9", "could
+    // not be started".
+    static std::string describeStatus(int status);
+
   private:
     // Appends value unless it holds a NUL or one of the characters `leaving` (which would end
     // its quotes); otherwise refuses the command for the reason `why`.
