@@ -14,7 +14,8 @@
 class KSHashLevelLock {
   public:
     // Waits for the lock on the directory `mount`. held() tells whether it was obtained: it is
-    // not when the directory cannot be opened or its file system has no flock.
+    // not when the directory cannot be opened or its file system has no flock on directories
+    // (NFS); callers then go on without it.
     explicit KSHashLevelLock(const std::string& mount);
     ~KSHashLevelLock();
     KSHashLevelLock(const KSHashLevelLock&) = delete;

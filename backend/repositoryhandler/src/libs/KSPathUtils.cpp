@@ -499,7 +499,9 @@ void touchHashedDirs(const char* path) {
 // 2. Creating the levels of a location (and reserving them, 4.) and deciding on and removing
 //    empty levels both happen under the mount's KSHashLevelLock. A clean-up therefore never
 //    acts on what it saw before a creator prepared the levels, and a creator never returns
-//    levels that a clean-up is about to remove.
+//    levels that a clean-up is about to remove. (On a file system without flock on
+//    directories both go on without the lock; the reservation then narrows the race to the
+//    moment between a clean-up's check and its rmdir.)
 // 3. Every creator reserves the last level for its resource (4.), the moves as well
 //    (moveCandidate) although they copy the resource in at once. A move counts as done only
 //    when the resource is on the target.
@@ -574,9 +576,10 @@ bool cutAtLastSlash(std::string& path) {
 // starting with `level`, at most `count` of them, unless the first is reserved for another.
 void removeEmptyLevels(const std::string& mount, std::string level, int count,
                        const std::string& resource) {
+    // Without the lock (a file system without flock on directories) the reservation alone
+    // protects the levels: only a creator that reserves between the check and the rmdir below
+    // can lose its level then.
     KSHashLevelLock lock(mount);
-    // Without the lock no creator can be kept out: the levels stay.
-    if (!lock.held()) return;
     if (reservedForOther(level, resource)) return;
     for (int removed = 0; removed < count; ++removed) {
         // rmdir, not remove: a plain file where a hash level should be is data, never cleared.
@@ -598,8 +601,7 @@ bool prepareHashLevels(const std::string& mount, const std::string& levels, cons
         errno = ENOTDIR;
         return false;
     }
-    // Without the lock clean-ups leave every level, so none needs a reservation.
-    if (lock.held()) reserveLevel(last, name == nullptr ? "" : name);
+    reserveLevel(last, name == nullptr ? "" : name);
     return true;
 }
 
