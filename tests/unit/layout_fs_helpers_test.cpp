@@ -6,10 +6,13 @@
 #include <unistd.h>
 #include <utime.h>
 
+#include <atomic>
 #include <ctime>
 #include <list>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "ClockControl.h"
 #include "KSAssertionException.h"
@@ -423,6 +426,44 @@ TEST(LegacyLinks, checkLinkResolvesLinksAndReportsWhatItCannot) {
     EXPECT_TRUE(log.findEqual("Path to \"" + tree.path("missing") +
                               "\" could not be stat-ed. Cause: [2] No such file or directory")
                     .has_value());
+}
+
+}  // namespace
+
+namespace {
+
+// Threads of one process prepare locations in one hash level, create their resource a moment
+// later, remove it and clean up, as server threads do: the lock on the mount directory keeps
+// them apart as it keeps processes apart, so no thread finds its level gone.
+TEST(HashLevelConcurrency, threadsCreatingAndCleaningOneLevelNeverLoseAPreparedLevel) {
+    TempTree tree;
+    const std::string mount = tree.mkdir("m");
+    const std::string level = mount + "/AB/CD/EF";
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 200;
+    std::atomic<int> lost{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            const std::string name = "r" + std::to_string(t);
+            const std::string resource = level + "/" + name;
+            for (int round = 0; round < kRounds; ++round) {
+                if (!prepareHashLevels(mount, level + "/", name.c_str())) {
+                    ++lost;
+                    continue;
+                }
+                std::this_thread::yield();
+                if (mkdir(resource.c_str(), 0755) != 0) {
+                    ++lost;
+                    continue;
+                }
+                rmdir(resource.c_str());
+                clearEmptyHash(resource.c_str());
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(lost.load(), 0);
 }
 
 }  // namespace
