@@ -32,6 +32,12 @@ using kelp::db::DBConnector;
 
 namespace {
 
+// The lock table the library uses (NVLOCKTBL), so a run against another server finds its rows.
+std::string lockTable() {
+    const char* name = getenv("NVLOCKTBL");
+    return name != nullptr && *name != '\0' ? name : "NVLOCK";
+}
+
 int envNumber(const char* name, int fallback) {
     const char* value = getenv(name);
     return value != nullptr && atoi(value) > 0 ? atoi(value) : fallback;
@@ -82,7 +88,7 @@ struct RowsOfNames {
         try {
             DbAdmin admin;
             for (const std::string& name : names)
-                admin.exec("DELETE FROM NVLOCK WHERE LCKRESOURCE='" + name + "'");
+                admin.exec("DELETE FROM " + lockTable() + " WHERE LCKRESOURCE='" + name + "'");
         } catch (const std::exception&) {
             // The server is gone: nothing left to clean.
         }
@@ -132,7 +138,7 @@ TEST(LostReplyProcesses, processesLosingLockRepliesNeverShareANameLeaveNoRowAndN
         workers.push_back(pid);
     }
     close(go[0]);
-    proxy.dropAtRate({"INSERT INTO NVLOCK", "DELETE FROM NVLOCK"}, dropRate, 17);
+    proxy.dropAtRate({"INSERT INTO " + lockTable(), "DELETE FROM " + lockTable()}, dropRate, 17);
     proxy.start();
     close(go[1]);
 
@@ -156,7 +162,8 @@ TEST(LostReplyProcesses, processesLosingLockRepliesNeverShareANameLeaveNoRowAndN
 
     long long left = 0;
     for (const std::string& name : names) {
-        left += DbAdmin().number("SELECT COUNT(*) FROM NVLOCK WHERE LCKRESOURCE='" + name + "'");
+        left += DbAdmin().number("SELECT COUNT(*) FROM " + lockTable() + " WHERE LCKRESOURCE='" +
+                                 name + "'");
     }
     std::printf(
         "%d processes, %ld critical sections, %d replies lost, %d connections, %ld violations, "

@@ -16,7 +16,9 @@
 
 #include <string>
 
-class KSLockToken {
+#include "RhExport.h"
+
+class RH_EXPORT KSLockToken {
   public:
     // The parts of a token.
     struct Holder {
