@@ -136,20 +136,29 @@ TEST_F(MoverRaces, ACopyThatFillsTheTargetLeavesNoHalfCopyAndTheResourceStaysSer
     EXPECT_TRUE(hashLevelsOn(repo_.mountPath(0)).empty());
 }
 
-TEST_F(MoverRaces, TheMovePassRemovesHashLevelsLeftEmptyOnceTheirReservationRanOut) {
+// Both walks of the maintenance: the move pass and the gathering of the oldest resources.
+TEST_F(MoverRaces, TheMaintenanceWalksRemoveHashLevelsLeftEmptyOnceTheirReservationRanOut) {
     makeRepository(2);
     ClockGuard clock;
     const std::string kept = putResource(repo_.mountPath(0), "kept");
-    ASSERT_TRUE(prepareHashLevels(repo_.mountPath(0), repo_.mountPath(0) + "/AB/CD/EF/", "gone"));
+    for (size_t mount : {0, 1})
+        ASSERT_TRUE(prepareHashLevels(repo_.mountPath(mount), repo_.mountPath(mount) + "/AB/CD/EF/",
+                                      "gone"));
     KSMountPointHandler& p1 = *handler()->mounts()[0];
+    KSMountPointHandler& p2 = *handler()->mounts()[1];
     std::string resume;
     std::map<int, double> ages;
+    ResourceSet oldest;
     p1.moveResourcesNewInner(nullptr, resume, 86400, ages);
+    p2.getOldestResources(nullptr, oldest, nullptr, 10, nullptr, "", 0);
     EXPECT_TRUE(entryExists(repo_.mountPath(0) + "/AB/CD/EF")) << "still reserved";
+    EXPECT_TRUE(entryExists(repo_.mountPath(1) + "/AB/CD/EF")) << "still reserved";
 
     KSClock::advanceForTesting(121);
     p1.moveResourcesNewInner(nullptr, resume, 86400 * 365, ages);
+    p2.getOldestResources(nullptr, oldest, nullptr, 10, nullptr, "", 0);
     EXPECT_FALSE(entryExists(repo_.mountPath(0) + "/AB"));
+    EXPECT_FALSE(entryExists(repo_.mountPath(1) + "/AB"));
     EXPECT_TRUE(entryExists(kept)) << "levels holding a resource stay";
 }
 

@@ -66,6 +66,8 @@ uint32_t KSMountPointHandler::getOldestResources(kelp::db::DBConnector* connecti
     int64_t started = nanoTime();
     listDir(directory.c_str(), &names, false, false);  // O_NOATIME: the walk must not age anything
     counters_.listDirTime += nanoTime() - started;
+    // A level left empty while another resource's reservation ran (see clearEmptyHash).
+    if (depth == kResourceDepth && names.empty()) clearEmptyHashLevels(path_, relativeDir);
 
     for (const std::string& name : names) {
         if (depth == 0 && name == "lost+found") continue;
