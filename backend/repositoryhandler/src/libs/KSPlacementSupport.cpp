@@ -76,6 +76,12 @@ bool refuseUnsafeName(const char* resource, const char* operation) {
     return true;
 }
 
+bool refuseEmptyName(const char* resource, const char* operation) {
+    if (resource == nullptr || resource[0] != '\0') return false;
+    rh_logger.errorLog("%s: refusing the empty resource name", operation);
+    return true;
+}
+
 std::string checkedResourceName(const char* resource) {
     if (resource == nullptr) throw KSAssertionException("resource", __LINE__, kSourceFile);
     std::string subDirectory = stripLeadingSlashes(resource);

@@ -42,6 +42,10 @@ bool lockResourceInto(std::optional<SmartSemaphore>& semaphore, KSRepositoryHand
 // True, with an error line naming `operation`, for a name that is not a single path component
 // after its leading slashes (null, "", ".", "..", anything with a slash).
 bool refuseUnsafeName(const char* resource, const char* operation);
+// True, with an error line naming `operation`, for the empty name. The explicit locks and the
+// dirty marks take any other name, but the empty one would make the identity of the
+// repository's own maintenance lock (toResourceID(path, "")).
+bool refuseEmptyName(const char* resource, const char* operation);
 // `resource` without its leading slashes, for the operations that create: a null name, one that
 // still holds a slash, or "", "." or ".." is a programming error (KSAssertionException; the
 // expression "subDirectory.find( '/' ) == string::npos" for the slash).

@@ -206,7 +206,8 @@ public:
 
     // ---- removal, status, time properties (KSRepositoryRemove.cpp) ----------------------
 
-    // The status of a locked lookup with the callback (KSResourceStatus).
+    // The status of a locked lookup with the callback (KSResourceStatus); 8 for a name that is
+    // not a single path component (the empty one included, logged).
     int checkResourceStatus(kelp::db::DBConnector* connection, const char* resource);
     // Removal results are the statuses of the single removals ORed together: 0 removed, 1 still
     // dirty (nothing removed), 4 nowhere, 8 erroneous (also an unsafe name, and a null
@@ -218,7 +219,8 @@ public:
                               const char* mountName, bool lock, bool useCallback);
     // Access and modification time of the resource's location; false (pair untouched) when the
     // resource is not found or its location cannot be stat-ed. setTimeProperties: utime on the
-    // location (null `times`: now).
+    // location (null `times`: now). Both answer false for a name that is not a single path
+    // component (the empty one included, logged).
     bool getTimeProperties(kelp::db::DBConnector* connection, const char* resource,
                            struct utimbuf* times);
     bool setTimeProperties(kelp::db::DBConnector* connection, const char* resource,
@@ -239,15 +241,19 @@ public:
 
     // Takes the lock of toResourceID(path, resource) (a lock row for shared repositories, a
     // lock file otherwise) and keeps it after the call: 1, or 0 after waiting up to 30 seconds
-    // (logged). Slashes in the name are flattened in the identity, so any name is safe here.
-    // A null resource throws KSAssertionException.
+    // (logged). Slashes in the name are flattened in the identity, so any name is safe here,
+    // except the empty one: it would be the repository's own maintenance lock, and is refused
+    // with 0 (logged). A null resource throws KSAssertionException.
     int lockResource(kelp::db::DBConnector* connection, const char* resource);
     // Gives that lock back whoever took it: 1, or 0 when the release fails (logged), e.g. when
-    // no lock file is there. A null resource throws KSAssertionException.
+    // no lock file is there, and for the empty name (logged), which would release a running
+    // maintenance pass's repository lock. A null resource throws KSAssertionException.
     int unlockResource(kelp::db::DBConnector* connection, const char* resource);
-    // 1 when the resource is in the dirty set as the .dirty file holds it now, else 0.
+    // 1 when the resource is in the dirty set as the .dirty file holds it now, else 0 (also for
+    // the empty name, refused and logged).
     int isDirty(kelp::db::DBConnector* connection, const char* resource);
-    // Adds the resource to the dirty set or removes it (see KSDirtyFlagHandler::setDirty).
+    // Adds the resource to the dirty set or removes it (see KSDirtyFlagHandler::setDirty). The
+    // empty name is refused (logged) and changes nothing.
     void setDirty(kelp::db::DBConnector* connection, const char* resource, bool dirty);
 
     // ---- capacity management --------------------------------------------------------------

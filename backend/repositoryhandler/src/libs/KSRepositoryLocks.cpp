@@ -4,6 +4,7 @@
 #include "KSException.h"
 #include "KSLogger.h"
 #include "KSPathUtils.h"
+#include "KSPlacementSupport.h"
 #include "KSRepositoryHandler.h"
 #include "SmartSemaphore.h"
 
@@ -17,6 +18,7 @@ const char* const kSourceFile = "backend/repositoryhandler/src/libs/KSRepository
 // the semaphore object goes away and its lock file or lock row stays until unlockResource.
 int KSRepositoryHandler::lockResource(kelp::db::DBConnector* connection, const char* resource) {
     if (resource == nullptr) throw KSAssertionException("resource", __LINE__, kSourceFile);
+    if (refuseEmptyName(resource, "lockResource")) return 0;
     std::unique_ptr<char[]> id(toResourceID(path_.c_str(), resource));
     SmartSemaphore semaphore(settings_.isShared, id.get(), connection);
     semaphore.semaphore()->setReleaseOnDestruction(false);
@@ -29,6 +31,8 @@ int KSRepositoryHandler::lockResource(kelp::db::DBConnector* connection, const c
 // The lock identity is the only key: whoever took the lock, this call gives it back.
 int KSRepositoryHandler::unlockResource(kelp::db::DBConnector* connection, const char* resource) {
     if (resource == nullptr) throw KSAssertionException("resource", __LINE__, kSourceFile);
+    // The empty name would release a running maintenance pass's repository lock.
+    if (refuseEmptyName(resource, "unlockResource")) return 0;
     std::unique_ptr<char[]> id(toResourceID(path_.c_str(), resource));
     SmartSemaphore semaphore(settings_.isShared, id.get(), connection);
     semaphore.semaphore()->setReleaseOnDestruction(false);
@@ -43,10 +47,12 @@ int KSRepositoryHandler::unlockResource(kelp::db::DBConnector* connection, const
 }
 
 int KSRepositoryHandler::isDirty(kelp::db::DBConnector* connection, const char* resource) {
+    if (refuseEmptyName(resource, "isDirty")) return 0;
     return dirtyFlags_.isDirty(connection, resource, false) ? 1 : 0;
 }
 
 void KSRepositoryHandler::setDirty(kelp::db::DBConnector* connection, const char* resource,
                                    bool dirty) {
+    if (refuseEmptyName(resource, "setDirty")) return;
     dirtyFlags_.setDirty(connection, resource, dirty);
 }

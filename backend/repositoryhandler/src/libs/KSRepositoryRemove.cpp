@@ -59,6 +59,7 @@ int startRemoval(KSRepositoryHandler& repository, kelp::db::DBConnector* connect
 
 int KSRepositoryHandler::checkResourceStatus(kelp::db::DBConnector* connection,
                                              const char* resource) {
+    if (refuseUnsafeName(resource, "checkResourceStatus")) return RESOURCE_STATUS_ERRONEOUS;
     int status = 0;
     std::unique_ptr<char[]> location(
         getLocation(connection, resource, &status, false, true, true, false));
@@ -67,7 +68,7 @@ int KSRepositoryHandler::checkResourceStatus(kelp::db::DBConnector* connection,
 
 bool KSRepositoryHandler::getTimeProperties(kelp::db::DBConnector* connection, const char* resource,
                                             struct utimbuf* times) {
-    if (times == nullptr) return false;
+    if (times == nullptr || refuseUnsafeName(resource, "getTimeProperties")) return false;
     std::unique_ptr<char[]> location(
         getLocation(connection, resource, nullptr, false, false, true, false));
     if (!location) return false;
@@ -80,6 +81,7 @@ bool KSRepositoryHandler::getTimeProperties(kelp::db::DBConnector* connection, c
 
 bool KSRepositoryHandler::setTimeProperties(kelp::db::DBConnector* connection, const char* resource,
                                             const struct utimbuf* times) {
+    if (refuseUnsafeName(resource, "setTimeProperties")) return false;
     std::unique_ptr<char[]> location(
         getLocation(connection, resource, nullptr, false, false, true, false));
     if (!location) return false;
