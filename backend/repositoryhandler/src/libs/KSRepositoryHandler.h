@@ -183,7 +183,9 @@ public:
     char** listResources(int kind, long* count, bool includeLegacy);
     // $TASKD_HOME/runjavacmd -c "getinfo quorra.repohandler.<callback> -r <resource> -p <repo>
     // [-c] [-d] [-s]", standard output with trailing white space removed. Empty when TASKD_HOME
-    // is unset or the command is refused (a name that would leave its quotes).
+    // is unset or the command is refused (a name that would leave its quotes). A shell that
+    // cannot be started throws std::runtime_error("popen() failed!"), which leaves getLocation
+    // and getMountPathForDirectory as well: it is no answer, least of all "not present".
     std::string runInfoCallback(const char* resource, bool c, bool d, bool s);
 
     // ---- creation and mount choice (KSRepositoryCreate.cpp) -----------------------------

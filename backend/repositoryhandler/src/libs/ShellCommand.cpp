@@ -48,13 +48,16 @@ int ShellCommand::run() const {
     return system(text_.c_str());
 }
 
+// A shell that cannot be started is not an empty answer: an empty answer of the information
+// callback means "not present", and the server would then create a second copy of a resource
+// that exists. So the error leaves to the caller.
 std::string ShellCommand::capture() const {
     if (refused_) return std::string();
     try {
         return exec(text_.c_str());
     } catch (const std::runtime_error&) {
         rh_logger.errorLog("Command could not be started: %s", text_.c_str());
-        return std::string();
+        throw;
     }
 }
 

@@ -30,7 +30,9 @@ class ShellCommand {
 
     // system(): the raw wait status; kRefusedStatus when refused.
     int run() const;
-    // popen(): the command's whole standard output; empty when refused.
+    // popen(): the command's whole standard output; empty when refused. Throws
+    // std::runtime_error("popen() failed!") (logged) when the shell cannot be started, e.g.
+    // when the process is out of file descriptors.
     std::string capture() const;
 
     // A raw status of run() in words: "exited with status 1", "was killed by signal 9", "could
