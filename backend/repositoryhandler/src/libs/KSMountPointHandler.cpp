@@ -181,13 +181,32 @@ uint32_t KSMountPointHandler::checkStatus(bool useCached) {
     }
     const uint32_t previous = status_.load();
     const time_t now = KSClock::now();
-    if ((previous & MOUNT_DEAD) && deadSince_.load() + kDeadRetrySeconds >= now) return MOUNT_DEAD;
-    if (!fileExists(path_ + kConfigName)) return markDead(now);
     if (previous & MOUNT_DEAD) {
-        parseConfigFile();
-    } else if (useCached) {
-        return previous;
+        if (deadSince_.load() + kDeadRetrySeconds >= now) return MOUNT_DEAD;
+        return revive(now);
     }
+    if (!fileExists(path_ + kConfigName)) return markDead(now);
+    if (useCached) return previous;
+    return measure(now);
+}
+
+// The retry time of a dead mount has come, and repositorypart.cfg must be read again. That
+// writes the limits, the plug-in and the dedicated flag, which other threads read once they see
+// the mount alive. So one thread at a time revives: it reads the file, measures and only then
+// publishes the new status (status_ is atomic, so a thread that sees the mount alive also sees
+// the configuration written before). A thread that waited here finds the work done, the mount
+// alive or found dead again just now, and answers that without reading the file a second time.
+uint32_t KSMountPointHandler::revive(time_t now) {
+    std::lock_guard<std::mutex> guard(reviveMutex_);
+    const uint32_t current = status_.load();
+    if (!(current & MOUNT_DEAD)) return current;
+    if (deadSince_.load() + kDeadRetrySeconds >= now) return MOUNT_DEAD;
+    if (!fileExists(path_ + kConfigName)) return markDead(now);
+    parseConfigFile();
+    return measure(now);
+}
+
+uint32_t KSMountPointHandler::measure(time_t now) {
     const float used = getUsedPercentage();
     if (used == -1.0f) return markDead(now);
     const uint32_t status = statusBits(used);

@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <ctime>
 #include <map>
+#include <mutex>
 #include <string>
 
 #include "ResourceEntry.h"
@@ -80,6 +81,9 @@ public:
     int parseConfigFile();
     bool isUpToDate();
     // Status bit mask; a mount found dead less than 300 s ago answers 256 without disk access.
+    // Thread-safe: when a dead mount's retry time has come, one caller re-reads
+    // repositorypart.cfg and the others wait and answer its result, so none sees a
+    // configuration half read.
     uint32_t checkStatus(bool useCached);
     // Percent in use (the larger of blocks and inodes), or -1.0 when statvfs fails.
     float getUsedPercentage();
@@ -152,6 +156,8 @@ private:
     void loadMovePlugin(const char* library, const char* params);
     void applyConfig(KSProperties& properties);
     uint32_t markDead(time_t now);
+    uint32_t revive(time_t now);
+    uint32_t measure(time_t now);
     uint32_t statusBits(double used) const;
     static bool onlyEntryBesidesLostFound(const std::string& parent);
 
@@ -163,8 +169,10 @@ private:
     std::atomic<uint32_t> status_{0};
     std::atomic<double> usedPercentage_{0.0};
     double usedAtCycleStart_ = 0.0;
-    time_t configMtime_ = 0;
+    std::atomic<time_t> configMtime_{0};
     std::atomic<time_t> deadSince_{0};
+    // Serialises the re-reading of the configuration when a dead mount comes back (revive).
+    std::mutex reviveMutex_;
     bool dedicated_ = false;
     bool upToDate_ = true;
     void* pluginHandle_ = nullptr;
