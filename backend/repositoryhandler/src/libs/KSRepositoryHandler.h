@@ -327,6 +327,9 @@ private:
     // is moved onto a mount when one can take it.
     char* takeOverFromLegacy(const char* resource, int* status, bool touch, bool dirty);
     std::string legacySource(const char* resource, int* status, bool* wasLink);
+    // Why `source` cannot be the resource's old directory and must not be taken over (copied,
+    // then deleted), or null when it can be.
+    const char* takeOverRefusal(const std::string& source, const char* resource) const;
     void writeToLegacyLog(const char* path);
     // Removal helper (KSRepositoryRemove.cpp).
     bool removeFromLegacy(const char* resource, bool useCallback, int* result);

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -26,6 +27,23 @@ bool isDirectory(const std::string& path) {
     return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+// The canonical form of `path`, or empty when it cannot be resolved.
+std::string canonicalOf(const std::string& path) {
+    char* canonical = canonicalize_file_name(path.c_str());
+    if (canonical == nullptr) return std::string();
+    std::string result = canonical;
+    free(canonical);
+    return result;
+}
+
+// True when `dir` is `path` itself or a directory above it (both canonical).
+bool isAncestorOrSelf(const std::string& dir, const std::string& path) {
+    if (dir.empty()) return false;
+    if (dir == "/") return true;
+    return path.compare(0, dir.size(), dir) == 0 &&
+           (path.size() == dir.size() || path[dir.size()] == '/');
+}
+
 }  // namespace
 
 char* KSRepositoryHandler::createToLegacy(const char* resource) {
@@ -39,6 +57,39 @@ char* KSRepositoryHandler::createToLegacy(const char* resource) {
     std::string legacyPath = legacyPathOf(*this, name.c_str());
     if (mkdirs(legacyPath.c_str(), 0755) != 0 || !isDirectory(legacyPath)) return nullptr;
     return newText(legacyPath);
+}
+
+// The take-over copies the legacy entry (or the target of its link) onto a mount and then
+// deletes it with "rm -fr". A legacy link is a plain symbolic link that anyone can point
+// anywhere, so only what can be this resource's old directory is taken over: a directory named
+// after the resource that is no file system's mount directory, holds neither the repository,
+// its legacy directory nor any of its mounts, and lies inside a mount of this repository only
+// as the resource's own location there (the legacy directory may itself lie on a mount; its
+// entries are allowed). A link to /home, a mount root, the repository or another resource's
+// directory is never copied and deleted.
+const char* KSRepositoryHandler::takeOverRefusal(const std::string& source,
+                                                 const char* resource) const {
+    const std::string target = canonicalOf(source);
+    if (target.empty()) return "it cannot be resolved";
+    if (!isDirectory(target)) return "it is not a directory";
+    const size_t slash = target.rfind('/');
+    if (slash == std::string::npos || target.compare(slash + 1, std::string::npos, resource) != 0)
+        return "its name is not the resource's name";
+    if (getMountpoint(target.c_str(), nullptr, nullptr, 0) == target)
+        return "it is the mount directory of a file system";
+    const std::string legacyDir =
+        settings_.legacyDir.empty() ? std::string() : canonicalOf(settings_.legacyDir);
+    if (isAncestorOrSelf(target, canonicalPath_) || isAncestorOrSelf(target, legacyDir))
+        return "it holds the repository or its legacy directory";
+    const bool inLegacyDir = isAncestorOrSelf(legacyDir, target);
+    for (const auto& mount : mounts_) {
+        const std::string mountDir = canonicalOf(mount->path());
+        if (isAncestorOrSelf(target, mountDir)) return "it holds a mount of the repository";
+        if (!inLegacyDir && isAncestorOrSelf(mountDir, target) &&
+            target != resourceLocation(mountDir, resource))
+            return "it lies inside a mount of the repository but is not the resource's location";
+    }
+    return nullptr;
 }
 
 void KSRepositoryHandler::writeToLegacyLog(const char* path) {
@@ -84,6 +135,14 @@ char* KSRepositoryHandler::takeOverFromLegacy(const char* resource, int* status,
     bool wasLink = false;
     std::string source = legacySource(resource, status, &wasLink);
     if (source.empty()) return nullptr;
+    if (const char* why = takeOverRefusal(source, resource)) {
+        rh_logger.errorLog(
+            "Legacy entry \"%s\" leads to \"%s\", which cannot be the old directory of the "
+            "resource %s (%s); it is left untouched.",
+            legacyPathOf(*this, resource).c_str(), source.c_str(), resource, why);
+        *status = RESOURCE_STATUS_ERRONEOUS;
+        return nullptr;
+    }
     writeToLegacyLog(source.c_str());
     int index = getActualMountPointForLegacy();
     if (index < 0) {
