@@ -44,7 +44,8 @@ printf 'mountPoints=p1\nisShared=false\nswitchLimit=100\nfullLimit=100\ncleanLim
 : >"$repo/p1/repositorypart.cfg"
 out=$(LD_LIBRARY_PATH=$libdir LOCK_VAR=$work/locks "$work/app" "$repo") ||
   fail "the example failed: $out"
-LD_LIBRARY_PATH=$libdir ldd "$work/app" | grep -q "$libdir/librepohandler.so" || fail "the example did not load $libdir"
+loaded=$(LD_LIBRARY_PATH=$libdir ldd "$work/app")
+[[ "$loaded" == *"$libdir/librepohandler.so"* ]] || fail "the example did not load $libdir: $loaded"
 [[ "$out" =~ ^$repo/p1/[A-Z0-9_]{2}/[A-Z0-9_]{2}/[A-Z0-9_]{2}/1\.2\.840\.1234\ 0$ ]] ||
   fail "unexpected answer: $out"
 [ -d "${out% 0}" ] || fail "the study directory ${out% 0} was not made"
