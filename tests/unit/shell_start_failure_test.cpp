@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "ChildProcess.h"
 #include "ScopedEnv.h"
@@ -38,16 +39,23 @@ TEST(ShellStartFailure, aLookupOutOfFileDescriptorsThrowsInsteadOfAnsweringNotPr
         if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 2;
         limit.rlim_cur = 64;
         if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 2;
-        while (dup(0) >= 0) {
-        }
+        std::vector<int> taken;
+        for (int fd; (fd = dup(0)) >= 0;) taken.push_back(fd);
         if (errno != EMFILE) return 2;
+        // The descriptors are given back before anything else is looked at: the sanitizers
+        // need a pipe to inspect memory.
+        auto giveBack = [&taken] {
+            for (int fd : taken) close(fd);
+        };
         try {
             status = -1;
             found =
                 getLocation_(path.c_str(), "study1", &status, false, false, true, false, nullptr);
+            giveBack();
             release(found);
             return status == 36 ? 3 : 4;
         } catch (const std::runtime_error& e) {
+            giveBack();
             return std::string(e.what()) == "popen() failed!" ? 0 : 5;
         }
     });
