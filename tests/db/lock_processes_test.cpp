@@ -4,7 +4,10 @@
 // name with O_EXCL, so a second process inside at the same time finds the file there.
 //
 // The processes reach the server of MYSQL_HOST:MYSQL_TCP_PORT (through the proxy), so the same
-// run can be pointed at any server, a cluster behind its load balancer included. The size of
+// run can be pointed at any server, a cluster behind its load balancer included. When the
+// environment also names the nodes of a Galera cluster (RH_GALERA_NODE<N>_PORT, as scripts/galera
+// exports them), the processes take turns between that address and the single nodes, each
+// through a proxy of its own: lost replies and certification conflicts meet. The size of
 // the run comes from the environment for longer runs elsewhere: RH_LOCK_PROCESSES (4),
 // RH_LOCK_ROUNDS per process (80), RH_LOCK_DROP_PERCENT (5).
 
@@ -24,6 +27,7 @@
 
 #include "DBConnector.h"
 #include "DbTestEnv.h"
+#include "GaleraCluster.h"
 #include "LostReplyProxy.h"
 #include "SmartSemaphore.h"
 #include "TempTree.h"
@@ -111,13 +115,29 @@ TEST(LostReplyProcesses, processesLosingLockRepliesNeverShareANameLeaveNoRowAndN
     for (int i = 0; i < 3; ++i) names.push_back(uniqueName("KSRepositoryHandler-procs"));
     RowsOfNames cleanup{names};
 
-    // Workers are forked before the proxy starts its threads; they wait for the start signal
-    // (the pipe's write end closing) and then connect through the proxy.
-    LostReplyProxy proxy(host, port);
+    // Workers are forked before the proxies start their threads; they wait for the start signal
+    // (the pipe's write end closing) and then connect through their proxy.
+    std::vector<std::unique_ptr<LostReplyProxy>> proxies;
+    proxies.push_back(std::make_unique<LostReplyProxy>(host, port));
+    GaleraCluster cluster;
+    const bool onCluster = GaleraCluster::fromEnvironment(cluster, why);
+    auto conflicts = [&] {
+        long long sum = 0;
+        for (int n = 1; onCluster && n <= 3; ++n)
+            sum += cluster.status(n, "wsrep_local_cert_failures") +
+                   cluster.status(n, "wsrep_local_bf_aborts");
+        return sum;
+    };
+    const long long conflictsBefore = conflicts();
+    if (onCluster) {
+        for (int nodePort : cluster.nodePorts)
+            proxies.push_back(std::make_unique<LostReplyProxy>("127.0.0.1", nodePort));
+    }
     int go[2];
     ASSERT_EQ(0, pipe(go));
     std::vector<pid_t> workers;
     for (int worker = 0; worker < processes; ++worker) {
+        const int proxyPort = proxies[size_t(worker) % proxies.size()]->port();
         fflush(nullptr);
         pid_t pid = fork();
         ASSERT_GE(pid, 0);
@@ -128,7 +148,7 @@ TEST(LostReplyProcesses, processesLosingLockRepliesNeverShareANameLeaveNoRowAndN
             }
             unsetenv("MYSQL_UNIX_PORT");
             setenv("MYSQL_HOST", "127.0.0.1", 1);
-            setenv("MYSQL_TCP_PORT", std::to_string(proxy.port()).c_str(), 1);
+            setenv("MYSQL_TCP_PORT", std::to_string(proxyPort).c_str(), 1);
             Tally tally = work(names, markers, worker, rounds);
             std::ofstream(markers + "/.tally." + std::to_string(worker))
                 << tally.rounds << " " << tally.violations << " " << tally.timeouts << " "
@@ -138,8 +158,12 @@ TEST(LostReplyProcesses, processesLosingLockRepliesNeverShareANameLeaveNoRowAndN
         workers.push_back(pid);
     }
     close(go[0]);
-    proxy.dropAtRate({"INSERT INTO " + lockTable(), "DELETE FROM " + lockTable()}, dropRate, 17);
-    proxy.start();
+    unsigned seed = 17;
+    for (auto& proxy : proxies) {
+        proxy->dropAtRate({"INSERT INTO " + lockTable(), "DELETE FROM " + lockTable()}, dropRate,
+                          seed++);
+        proxy->start();
+    }
     close(go[1]);
 
     Tally total;
@@ -165,15 +189,25 @@ TEST(LostReplyProcesses, processesLosingLockRepliesNeverShareANameLeaveNoRowAndN
         left += DbAdmin().number("SELECT COUNT(*) FROM " + lockTable() + " WHERE LCKRESOURCE='" +
                                  name + "'");
     }
+    int dropped = 0, connections = 0;
+    for (auto& proxy : proxies) {
+        dropped += proxy->dropped();
+        connections += proxy->connections();
+    }
     std::printf(
         "%d processes, %ld critical sections, %d replies lost, %d connections, %ld violations, "
         "%ld time-outs, %lld rows left\n",
-        processes, total.rounds, proxy.dropped(), proxy.connections(), total.violations,
-        total.timeouts, left);
+        processes, total.rounds, dropped, connections, total.violations, total.timeouts, left);
+    if (onCluster) {
+        std::printf(
+            "spread over the load balancer and 3 Galera nodes: %lld certification "
+            "conflicts\n",
+            conflicts() - conflictsBefore);
+    }
     EXPECT_EQ(0, total.violations) << "two processes were inside at once";
     EXPECT_EQ(0, total.timeouts);
     EXPECT_EQ(0, total.errors);
     EXPECT_EQ(long(processes) * rounds, total.rounds);
-    EXPECT_GT(proxy.dropped(), 0) << "no reply was lost: the run proved nothing";
+    EXPECT_GT(dropped, 0) << "no reply was lost: the run proved nothing";
     EXPECT_EQ(0, left) << "lock rows were left behind";
 }
