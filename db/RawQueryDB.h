@@ -1,9 +1,11 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "QueryRequest.h"
 #include "RhExport.h"
 #include "SqlField.h"
 
@@ -11,11 +13,13 @@ namespace kelp {
 namespace db {
 
 class DBConnectorSql;
+class QueryMapping;
+struct BuiltQuery;
 class SqlResult;
 
-// Runs free-form text queries on its connector's connection. Made by
-// DBConnector::createRawQuery() and owned by the caller; must not outlive the connector. The
-// builder of SQL from DICOM-style matching keys belongs here. Thread-safe like the connector.
+// Runs searches built from DICOM matching keys, and free-form text queries, on its connector's
+// connection. Made by DBConnector::createRawQuery() and owned by the caller; must not outlive
+// the connector. Thread-safe like the connector: a call holds the connector's mutex throughout.
 class RH_EXPORT RawQueryDB {
   public:
     explicit RawQueryDB(DBConnectorSql& connector);
@@ -30,7 +34,18 @@ class RH_EXPORT RawQueryDB {
     size_t executeQuery(const std::string& sql, unsigned long timeLimitSeconds,
                         std::vector<std::vector<SqlField>>& rows);
 
+    // Runs the search request describes, through the tables and columns of mapping (see
+    // QuerySqlBuilder), as a prepared statement with every value bound, with a server-side time
+    // limit of timeLimitSeconds (0: none), through the connector's retry loop. Rows that SQL
+    // could only approximate are re-checked in memory before offset and limit are applied.
+    // Throws DBException for a key that cannot be matched as given (the text names the key) and
+    // for server errors.
+    QueryAnswer find(const QueryMapping& mapping, const QueryRequest& request,
+                     unsigned long timeLimitSeconds);
+
   private:
+    std::vector<std::vector<std::optional<std::string>>> fetchRows(const BuiltQuery& built,
+                                                                   unsigned long timeLimitSeconds);
     std::unique_ptr<SqlResult> run(const std::string& sql, unsigned long timeLimitSeconds);
 
     DBConnectorSql& connector_;

@@ -53,3 +53,84 @@ CREATE TABLE IF NOT EXISTS QueryTimeLimit (
     QSTATUS   CHAR(1) NOT NULL DEFAULT 'R',
     KEY QueryTimeLimit_PROCESSID (PROCESSID)
 ) ENGINE=InnoDB;
+
+-- The example schema of the query builder (mapping: db/query-mapping.cfg). Text attributes are
+-- exact: a binary collation without padding, so 'A' differs from 'a' and from 'A '. Person
+-- names also have a folded copy (case- and accent-insensitive), kept by the server, that
+-- case-insensitive searches use through its index. Dates and times are typed; an absent
+-- attribute is NULL, an empty one ''. The loader stores values without their DICOM padding.
+CREATE TABLE IF NOT EXISTS PATIENT (
+    PatientKey        BIGINT NOT NULL AUTO_INCREMENT,
+    PatientID         VARCHAR(64) COLLATE utf8mb4_nopad_bin NULL,
+    IssuerOfPatientID VARCHAR(64) COLLATE utf8mb4_nopad_bin NULL,
+    PatientName       VARCHAR(324) COLLATE utf8mb4_nopad_bin NULL,
+    PatientNameFolded VARCHAR(324) COLLATE utf8mb4_unicode_520_ci
+                      AS (PatientName) PERSISTENT,
+    PatientBirthDate  DATE NULL,
+    PatientSex        VARCHAR(16) COLLATE utf8mb4_nopad_bin NULL,
+    PRIMARY KEY (PatientKey),
+    KEY PATIENT_PatientID (PatientID),
+    KEY PATIENT_PatientName (PatientName),
+    KEY PATIENT_PatientNameFolded (PatientNameFolded)
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
+
+CREATE TABLE IF NOT EXISTS STUDY (
+    StudyKey               BIGINT NOT NULL AUTO_INCREMENT,
+    PatientKey             BIGINT NOT NULL,
+    StudyInstanceUID       VARCHAR(64) COLLATE utf8mb4_nopad_bin NOT NULL,
+    StudyDate              DATE NULL,
+    StudyTime              TIME(6) NULL,
+    AccessionNumber        VARCHAR(64) COLLATE utf8mb4_nopad_bin NULL,
+    StudyID                VARCHAR(16) COLLATE utf8mb4_nopad_bin NULL,
+    StudyDescription       VARCHAR(64) COLLATE utf8mb4_nopad_bin NULL,
+    ReferringPhysicianName VARCHAR(324) COLLATE utf8mb4_nopad_bin NULL,
+    ReferringPhysicianNameFolded VARCHAR(324) COLLATE utf8mb4_unicode_520_ci
+                           AS (ReferringPhysicianName) PERSISTENT,
+    -- Timezone Offset From UTC of the study, minutes east; the clock of its dates and times.
+    TimezoneOffsetFromUTC  SMALLINT NOT NULL DEFAULT 0,
+    PRIMARY KEY (StudyKey),
+    UNIQUE KEY STUDY_StudyInstanceUID (StudyInstanceUID),
+    KEY STUDY_PatientKey (PatientKey),
+    KEY STUDY_StudyDate (StudyDate, StudyTime),
+    KEY STUDY_AccessionNumber (AccessionNumber),
+    KEY STUDY_ReferringPhysicianNameFolded (ReferringPhysicianNameFolded)
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
+
+CREATE TABLE IF NOT EXISTS SERIES (
+    SeriesKey         BIGINT NOT NULL AUTO_INCREMENT,
+    StudyKey          BIGINT NOT NULL,
+    SeriesInstanceUID VARCHAR(64) COLLATE utf8mb4_nopad_bin NOT NULL,
+    Modality          VARCHAR(16) COLLATE utf8mb4_nopad_bin NULL,
+    SeriesDate        DATE NULL,
+    SeriesTime        TIME(6) NULL,
+    SeriesDescription VARCHAR(64) COLLATE utf8mb4_nopad_bin NULL,
+    BodyPartExamined  VARCHAR(16) COLLATE utf8mb4_nopad_bin NULL,
+    PRIMARY KEY (SeriesKey),
+    UNIQUE KEY SERIES_SeriesInstanceUID (SeriesInstanceUID),
+    KEY SERIES_StudyKey (StudyKey),
+    KEY SERIES_Modality (Modality)
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
+
+-- Items of the Request Attributes Sequence of a series.
+CREATE TABLE IF NOT EXISTS SERIESREQUEST (
+    SeriesKey                BIGINT NOT NULL,
+    RequestedProcedureID     VARCHAR(16) COLLATE utf8mb4_nopad_bin NULL,
+    ScheduledProcedureStepID VARCHAR(16) COLLATE utf8mb4_nopad_bin NULL,
+    AccessionNumber          VARCHAR(64) COLLATE utf8mb4_nopad_bin NULL,
+    KEY SERIESREQUEST_SeriesKey (SeriesKey),
+    KEY SERIESREQUEST_RequestedProcedureID (RequestedProcedureID)
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
+
+CREATE TABLE IF NOT EXISTS INSTANCE (
+    InstanceKey         BIGINT NOT NULL AUTO_INCREMENT,
+    SeriesKey           BIGINT NOT NULL,
+    SOPInstanceUID      VARCHAR(64) COLLATE utf8mb4_nopad_bin NOT NULL,
+    SOPClassUID         VARCHAR(64) COLLATE utf8mb4_nopad_bin NULL,
+    ContentDate         DATE NULL,
+    ContentTime         TIME(6) NULL,
+    AcquisitionDateTime DATETIME(6) NULL,
+    PRIMARY KEY (InstanceKey),
+    UNIQUE KEY INSTANCE_SOPInstanceUID (SOPInstanceUID),
+    KEY INSTANCE_SeriesKey (SeriesKey),
+    KEY INSTANCE_AcquisitionDateTime (AcquisitionDateTime)
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;

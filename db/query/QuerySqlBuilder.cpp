@@ -1,0 +1,300 @@
+#include "QuerySqlBuilder.h"
+
+#include "DBException.h"
+#include "DicomTime.h"
+#include "KeyParser.h"
+#include "QueryMapping.h"
+
+namespace kelp {
+namespace db {
+
+struct QuerySqlBuilder::Context {
+    QueryLevel level = QueryLevel::Study;
+    std::vector<std::string> conditions;
+    std::vector<BoundValue> params;
+    std::vector<std::string> selected;
+    std::vector<Recheck> rechecks;
+    bool inSequence = false;
+    int sequences = 0;
+
+    void bind(BoundValue value) {
+        if (params.size() >= kMaxParams)
+            throw DBException("The search needs more than " + std::to_string(kMaxParams) +
+                              " values; split it");
+        params.push_back(std::move(value));
+    }
+    void bindText(const std::string& text) {
+        BoundValue value;
+        value.text = text;
+        bind(std::move(value));
+    }
+    void bindMoment(BoundValue::Type type, int64_t micros) {
+        BoundValue value;
+        value.type = type;
+        value.micros = micros;
+        bind(std::move(value));
+    }
+};
+
+namespace {
+
+std::string levelAlias(QueryLevel level) {
+    return "l" + std::to_string(static_cast<int>(level));
+}
+
+std::string quoted(const std::string& identifier) {
+    return "`" + identifier + "`";
+}
+
+std::string qualified(const std::string& alias, const std::string& column) {
+    return alias + "." + quoted(column);
+}
+
+bool isTemporal(const std::string& vr) {
+    return vr == "DA" || vr == "TM" || vr == "DT";
+}
+
+BoundValue::Type momentType(const std::string& vr) {
+    if (vr == "DA") return BoundValue::Type::Date;
+    if (vr == "TM") return BoundValue::Type::Time;
+    return BoundValue::Type::DateTime;
+}
+
+// The LIKE pattern of a wildcard value with '!' as the escape character: '*' and '?' become '%'
+// and '_', while '%', '_' and '!' of the value are escaped so that they match themselves.
+std::string likePattern(const std::string& wildcard) {
+    std::string out;
+    out.reserve(wildcard.size() + 8);
+    for (char c : wildcard) {
+        if (c == '*') {
+            out += '%';
+        } else if (c == '?') {
+            out += '_';
+        } else {
+            if (c == '%' || c == '_' || c == '!') out += '!';
+            out += c;
+        }
+    }
+    return out;
+}
+
+const int64_t kWidestEast = DicomTime::kMaxOffsetMinutes * DicomTime::kMicrosPerMinute;
+const int64_t kWidestWest = DicomTime::kMinOffsetMinutes * DicomTime::kMicrosPerMinute;
+
+}  // namespace
+
+std::string QuerySqlBuilder::selectExpression(const ColumnMapping& column,
+                                              const std::string& alias) const {
+    std::string name = qualified(alias, column.column);
+    if (column.vr == "DA") return "DATE_FORMAT(" + name + ",'%Y%m%d')";
+    if (column.vr == "TM") return "DATE_FORMAT(" + name + ",'%H%i%s.%f')";
+    if (column.vr == "DT") return "DATE_FORMAT(" + name + ",'%Y%m%d%H%i%s.%f')";
+    return name;
+}
+
+std::string QuerySqlBuilder::timezoneColumn(const Context& context) const {
+    if (mapping_.timezoneColumn().empty())
+        throw DBException(
+            "Matching in the query's offset from UTC needs a timezone column in the "
+            "query mapping");
+    if (static_cast<int>(mapping_.timezoneLevel()) > static_cast<int>(context.level))
+        throw DBException(std::string("Matching in the query's offset from UTC needs the ") +
+                          QueryMapping::levelName(mapping_.timezoneLevel()) +
+                          " level, below this query's level");
+    return qualified(levelAlias(mapping_.timezoneLevel()), mapping_.timezoneColumn());
+}
+
+// One bound: a plain comparison on the local clock; on UTC, the exact comparison with the bound
+// moved by the entity's offset, preceded by the same comparison widened by the largest offset,
+// which the column's index can serve.
+void QuerySqlBuilder::addRange(Context& context, const std::string& column, const std::string& vr,
+                               const std::optional<RangeBound>& lower,
+                               const std::optional<RangeBound>& upper) const {
+    const BoundValue::Type type = momentType(vr);
+    auto add = [&](const RangeBound& bound, const char* op, int64_t widest) {
+        if (bound.clock == Clock::Local) {
+            context.conditions.push_back(column + " " + op + " ?");
+            context.bindMoment(type, bound.micros);
+            return;
+        }
+        context.conditions.push_back(column + " " + op + " ?");
+        context.bindMoment(type, bound.micros + widest);
+        context.conditions.push_back(column + " " + op + " TIMESTAMPADD(MINUTE, " +
+                                     timezoneColumn(context) + ", ?)");
+        context.bindMoment(type, bound.micros);
+    };
+    if (lower) add(*lower, ">=", kWidestWest);
+    if (upper) add(*upper, "<=", kWidestEast);
+}
+
+void QuerySqlBuilder::addDateTime(Context& context, const MatchNode& node,
+                                  const ColumnMapping& date, const std::string& alias) const {
+    const auto& both = std::get<DateTimeMatch>(node.match);
+    const ColumnMapping* time = mapping_.column(both.timeTag);
+    if (time == nullptr || time->level != date.level)
+        throw DBException("Date " + KeyParser::tagName(node.tag) +
+                          " is combined with a time of another level");
+    const std::string day = qualified(alias, date.column);
+    const std::string instant = "TIMESTAMP(" + day + ", " + qualified(alias, time->column) + ")";
+    auto add = [&](const RangeBound& bound, const char* op, int64_t widest) {
+        int64_t prefilter = bound.clock == Clock::Local ? bound.micros : bound.micros + widest;
+        context.conditions.push_back(day + " " + op + " ?");
+        context.bindMoment(BoundValue::Type::Date, prefilter);
+        std::string target = bound.clock == Clock::Local
+                                 ? "?"
+                                 : "TIMESTAMPADD(MINUTE, " + timezoneColumn(context) + ", ?)";
+        context.conditions.push_back(instant + " " + op + " " + target);
+        context.bindMoment(BoundValue::Type::DateTime, bound.micros);
+    };
+    if (both.lower) add(*both.lower, ">=", kWidestWest);
+    if (both.upper) add(*both.upper, "<=", kWidestEast);
+}
+
+void QuerySqlBuilder::addCondition(Context& context, const MatchNode& node,
+                                   const ColumnMapping& column, const std::string& alias) const {
+    if (column.vr != node.vr)
+        throw DBException("Matching key " + KeyParser::tagName(node.tag) + " has VR " + node.vr +
+                          " but its column holds " + column.vr);
+    const std::string name = qualified(alias, column.column);
+    const Match& match = node.match;
+    auto loose = [&](const std::string& operation) {
+        if (column.foldedColumn.empty())
+            throw DBException("Case-insensitive matching of " + KeyParser::tagName(node.tag) +
+                              " needs a folded column in the query mapping");
+        if (context.inSequence)
+            throw DBException("Case-insensitive matching of " + KeyParser::tagName(node.tag) +
+                              " inside a sequence item is not supported");
+        context.conditions.push_back(qualified(alias, column.foldedColumn) + operation);
+        context.rechecks.push_back(Recheck{node, context.selected.size()});
+        context.selected.push_back(name);
+    };
+    if (std::holds_alternative<UniversalMatch>(match)) return;
+    if (std::holds_alternative<EmptyValueMatch>(match)) {
+        context.conditions.push_back(isTemporal(column.vr)
+                                         ? name + " IS NULL"
+                                         : "(" + name + " IS NULL OR " + name + " = '')");
+    } else if (const auto* single = std::get_if<SingleValueMatch>(&match)) {
+        if (single->caseInsensitive) {
+            loose(" = ?");
+        } else {
+            context.conditions.push_back(name + " = ?");
+        }
+        context.bindText(single->value);
+    } else if (const auto* wild = std::get_if<WildcardMatch>(&match)) {
+        if (wild->caseInsensitive) {
+            loose(" LIKE ? ESCAPE '!'");
+        } else {
+            context.conditions.push_back(name + " LIKE ? ESCAPE '!'");
+        }
+        context.bindText(likePattern(wild->pattern));
+    } else if (const auto* list = std::get_if<UidListMatch>(&match)) {
+        std::string condition = "(";
+        for (size_t i = 0; i < list->uids.size(); i += kInChunk) {
+            if (i > 0) condition += " OR ";
+            condition += name + " IN (";
+            for (size_t k = i; k < list->uids.size() && k < i + kInChunk; ++k) {
+                condition += k == i ? "?" : ",?";
+                context.bindText(list->uids[k]);
+            }
+            condition += ")";
+        }
+        context.conditions.push_back(condition + ")");
+    } else if (const auto* range = std::get_if<RangeMatch>(&match)) {
+        addRange(context, name, column.vr, range->lower, range->upper);
+    } else if (std::holds_alternative<DateTimeMatch>(match)) {
+        addDateTime(context, node, column, alias);
+    }
+}
+
+void QuerySqlBuilder::addSequence(Context& context, const MatchNode& node) const {
+    const SequenceTable& table = *mapping_.sequence(node.tag);
+    if (static_cast<int>(table.level) > static_cast<int>(context.level))
+        throw DBException("Sequence " + KeyParser::tagName(node.tag) + " belongs to the " +
+                          QueryMapping::levelName(table.level) + " level, below the query level");
+    const std::string alias = "q" + std::to_string(context.sequences++);
+    const LevelTable& owner = mapping_.level(table.level);
+    std::vector<std::string> outer;
+    outer.swap(context.conditions);
+    context.inSequence = true;
+    for (const MatchNode& itemNode : std::get<SequenceMatch>(node.match).item)
+        addCondition(context, itemNode, table.items.at(itemNode.tag), alias);
+    context.inSequence = false;
+    std::string condition = "EXISTS (SELECT 1 FROM " + quoted(table.table) + " " + alias +
+                            " WHERE " + qualified(alias, table.parentKey) + " = " +
+                            qualified(levelAlias(table.level), owner.key);
+    for (const std::string& inner : context.conditions) condition += " AND " + inner;
+    outer.push_back(condition + ")");
+    context.conditions.swap(outer);
+}
+
+BuiltQuery QuerySqlBuilder::build(const QueryRequest& request) const {
+    BuiltQuery built;
+    KeyParser parser(mapping_, request.options);
+    std::vector<MatchNode> nodes = parser.parse(request.keys, built.unusedKeys);
+
+    Context context;
+    context.level = request.level;
+    const int depth = static_cast<int>(request.level);
+    for (uint32_t tag : request.returnKeys) {
+        const ColumnMapping* column = mapping_.column(tag);
+        if (column == nullptr || static_cast<int>(column->level) > depth) {
+            built.unusedKeys.push_back(tag);
+            built.returnColumns.push_back(-1);
+            continue;
+        }
+        built.returnColumns.push_back(static_cast<int>(context.selected.size()));
+        context.selected.push_back(selectExpression(*column, levelAlias(column->level)));
+    }
+    for (const MatchNode& node : nodes) {
+        if (std::holds_alternative<SequenceMatch>(node.match)) {
+            addSequence(context, node);
+            continue;
+        }
+        if (std::holds_alternative<UniversalMatch>(node.match)) continue;
+        const ColumnMapping& column = *mapping_.column(node.tag);
+        if (static_cast<int>(column.level) > depth)
+            throw DBException("Matching key " + KeyParser::tagName(node.tag) + " belongs to the " +
+                              QueryMapping::levelName(column.level) +
+                              " level, below the query level " +
+                              QueryMapping::levelName(request.level));
+        addCondition(context, node, column, levelAlias(column.level));
+    }
+
+    const LevelTable& top = mapping_.level(QueryLevel::Patient);
+    std::string sql = "SELECT ";
+    if (context.selected.empty())
+        context.selected.push_back(
+            qualified(levelAlias(request.level), mapping_.level(request.level).key));
+    for (size_t i = 0; i < context.selected.size(); ++i)
+        sql += (i ? ", " : "") + context.selected[i];
+    sql += " FROM " + quoted(top.table) + " " + levelAlias(QueryLevel::Patient);
+    for (int i = 1; i <= depth; ++i) {
+        const LevelTable& level = mapping_.level(static_cast<QueryLevel>(i));
+        const LevelTable& parent = mapping_.level(static_cast<QueryLevel>(i - 1));
+        const std::string alias = levelAlias(static_cast<QueryLevel>(i));
+        sql += " JOIN " + quoted(level.table) + " " + alias + " ON " +
+               qualified(alias, level.parentKey) + " = " +
+               qualified(levelAlias(static_cast<QueryLevel>(i - 1)), parent.key);
+    }
+    for (size_t i = 0; i < context.conditions.size(); ++i)
+        sql += (i ? " AND " : " WHERE ") + context.conditions[i];
+    sql += " ORDER BY " + qualified(levelAlias(request.level), mapping_.level(request.level).key);
+    built.limitedInSql = context.rechecks.empty() && (request.limit > 0 || request.offset > 0);
+    if (built.limitedInSql) {
+        sql += " LIMIT ? OFFSET ?";
+        BoundValue limit, offset;
+        limit.type = offset.type = BoundValue::Type::Count;
+        limit.count = request.limit > 0 ? request.limit : UINT64_MAX;
+        offset.count = request.offset;
+        context.bind(limit);
+        context.bind(offset);
+    }
+    built.sql = std::move(sql);
+    built.params = std::move(context.params);
+    built.columnCount = context.selected.size();
+    built.rechecks = std::move(context.rechecks);
+    return built;
+}
+
+}  // namespace db
+}  // namespace kelp
