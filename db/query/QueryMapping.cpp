@@ -200,6 +200,13 @@ std::optional<uint32_t> QueryMapping::timeTagOf(uint32_t dateTag) const {
     return it->second;
 }
 
+std::vector<std::pair<uint32_t, std::string>> QueryMapping::keywordsOf(QueryLevel level) const {
+    std::vector<std::pair<uint32_t, std::string>> out;
+    for (const auto& column : columns_)
+        if (column.second.level == level) out.emplace_back(column.first, column.second.keyword);
+    return out;
+}
+
 std::optional<uint32_t> QueryMapping::tagOfKeyword(const std::string& keyword) const {
     for (const auto& column : columns_)
         if (column.second.keyword == keyword) return column.first;

@@ -5,6 +5,8 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "QueryRequest.h"
 #include "RhExport.h"
@@ -71,6 +73,8 @@ class RH_EXPORT QueryMapping {
     // when the schema keeps none; matching in the query's offset is then refused.
     const std::string& timezoneColumn() const { return timezoneColumn_; }
     QueryLevel timezoneLevel() const { return timezoneLevel_; }
+    // The mapped attributes of a level, as tag and keyword, in tag order.
+    std::vector<std::pair<uint32_t, std::string>> keywordsOf(QueryLevel level) const;
     // The tag of a keyword ("PatientName") among the mapped attributes and sequences.
     std::optional<uint32_t> tagOfKeyword(const std::string& keyword) const;
 

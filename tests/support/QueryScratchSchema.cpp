@@ -30,7 +30,7 @@ QueryScratchSchema::QueryScratchSchema(const std::string& mappingPath)
     KSProperties properties;
     if (!properties.load(mappingPath.c_str()))
         throw std::runtime_error("cannot read " + mappingPath);
-    KSProperties renamed;
+    KSProperties& renamed = mappingEntries_;
     for (const KSProperty& entry : properties) {
         std::istringstream words(entry.getValue());
         std::string value, word;
@@ -42,6 +42,10 @@ QueryScratchSchema::QueryScratchSchema(const std::string& mappingPath)
         renamed.setProperty(entry.getName(), value.c_str());
     }
     mapping_ = kelp::db::QueryMapping::fromProperties(renamed);
+}
+
+void QueryScratchSchema::writeMapping(const std::string& path) const {
+    if (!mappingEntries_.write(path.c_str())) throw std::runtime_error("cannot write " + path);
 }
 
 QueryScratchSchema::~QueryScratchSchema() {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "DbTestEnv.h"
+#include "KSProperties.h"
 #include "QueryMapping.h"
 
 // A private copy of the query builder's example tables (PATIENT, STUDY, SERIES, SERIESREQUEST,
@@ -22,6 +23,8 @@ class QueryScratchSchema {
     QueryScratchSchema& operator=(const QueryScratchSchema&) = delete;
 
     const kelp::db::QueryMapping& mapping() const { return mapping_; }
+    // Writes the mapping of the private tables as a mapping file.
+    void writeMapping(const std::string& path) const;
     // The private name of an example table ("STUDY").
     std::string table(const std::string& name) const { return prefix_ + name; }
 
@@ -39,6 +42,7 @@ class QueryScratchSchema {
   private:
     DbAdmin admin_;
     std::string prefix_;
+    KSProperties mappingEntries_;
     kelp::db::QueryMapping mapping_;
 };
 
