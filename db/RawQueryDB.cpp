@@ -135,7 +135,7 @@ bool passesRechecks(const BuiltQuery& built, const Row& row) {
 QueryAnswer RawQueryDB::find(const QueryMapping& mapping, const QueryRequest& request,
                              unsigned long timeLimitSeconds) {
     BuiltQuery built = QuerySqlBuilder(mapping).build(request);
-    std::vector<Row> rows = fetchRows(built, timeLimitSeconds);
+    std::vector<Row> rows = fetchRows(built.sql, built, built.columnCount, timeLimitSeconds);
     QueryAnswer answer;
     answer.unusedKeys = built.unusedKeys;
     uint64_t skipped = 0;
@@ -156,11 +156,19 @@ QueryAnswer RawQueryDB::find(const QueryMapping& mapping, const QueryRequest& re
     return answer;
 }
 
-std::vector<Row> RawQueryDB::fetchRows(const BuiltQuery& built, unsigned long timeLimitSeconds) {
+std::string RawQueryDB::explain(const QueryMapping& mapping, const QueryRequest& request) {
+    BuiltQuery built = QuerySqlBuilder(mapping).build(request);
+    std::vector<Row> rows = fetchRows("EXPLAIN FORMAT=JSON " + built.sql, built, 1, 0);
+    return rows.empty() || !rows[0][0] ? std::string() : *rows[0][0];
+}
+
+// Runs sql with the values of built bound and reads columnCount columns of every row as text.
+std::vector<Row> RawQueryDB::fetchRows(const std::string& sql, const BuiltQuery& built,
+                                       size_t columnCount, unsigned long timeLimitSeconds) {
     constexpr size_t kBufferSize = 256;
     std::lock_guard<std::recursive_mutex> guard(connector_.sql().mutex());
     const size_t paramCount = built.params.size();
-    QueryBindings bindings(static_cast<int>(paramCount), static_cast<int>(built.columnCount));
+    QueryBindings bindings(static_cast<int>(paramCount), static_cast<int>(columnCount));
     std::vector<MYSQL_TIME> moments(paramCount);
     std::vector<unsigned long long> counts(paramCount);
     for (size_t i = 0; i < paramCount; ++i) {
@@ -178,15 +186,15 @@ std::vector<Row> RawQueryDB::fetchRows(const BuiltQuery& built, unsigned long ti
                                nullptr, nullptr, SIGNED_VALUE);
         }
     }
-    std::vector<std::vector<char>> buffers(built.columnCount, std::vector<char>(kBufferSize));
+    std::vector<std::vector<char>> buffers(columnCount, std::vector<char>(kBufferSize));
     std::vector<std::unique_ptr<QueryResult>> results;
-    for (size_t i = 0; i < built.columnCount; ++i) {
+    for (size_t i = 0; i < columnCount; ++i) {
         results.push_back(std::make_unique<QueryResult>(MYSQL_TYPE_STRING, buffers[i].data(),
                                                         kBufferSize, SIGNED_VALUE));
         bindings.bindResult(static_cast<int>(i), *results[i]);
     }
 
-    TimedPSSupplier supplier(connector_, built.sql, timeLimitSeconds);
+    TimedPSSupplier supplier(connector_, sql, timeLimitSeconds);
     PSHandle handle = connector_.executeQuery(supplier, bindings);
     std::vector<Row> rows;
     while (true) {
@@ -197,7 +205,7 @@ std::vector<Row> RawQueryDB::fetchRows(const BuiltQuery& built, unsigned long ti
                                   mysql_stmt_error(handle.statement->handle()),
                               mysql_stmt_errno(handle.statement->handle()));
         Row row;
-        for (size_t i = 0; i < built.columnCount; ++i)
+        for (size_t i = 0; i < columnCount; ++i)
             row.push_back(
                 columnValue(*handle.statement, *results[i], buffers[i], static_cast<unsigned>(i)));
         rows.push_back(std::move(row));

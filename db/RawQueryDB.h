@@ -43,8 +43,15 @@ class RH_EXPORT RawQueryDB {
     QueryAnswer find(const QueryMapping& mapping, const QueryRequest& request,
                      unsigned long timeLimitSeconds);
 
+    // The server's plan for the search request describes (EXPLAIN FORMAT=JSON of the statement
+    // find would run, with the same values bound): which index each table is read through.
+    // Throws like find.
+    std::string explain(const QueryMapping& mapping, const QueryRequest& request);
+
   private:
-    std::vector<std::vector<std::optional<std::string>>> fetchRows(const BuiltQuery& built,
+    std::vector<std::vector<std::optional<std::string>>> fetchRows(const std::string& sql,
+                                                                   const BuiltQuery& built,
+                                                                   size_t columnCount,
                                                                    unsigned long timeLimitSeconds);
     std::unique_ptr<SqlResult> run(const std::string& sql, unsigned long timeLimitSeconds);
 
