@@ -4,7 +4,8 @@
 // person name) runs through RawQueryDB::find and, as its floor, as a hand-written statement for
 // the same match, prepared once on a bare client connection, with the same values bound and the
 // same columns returned. BM_build measures the builder's own cost per query (parsing and SQL
-// generation, no server).
+// generation, no server). Ratios are of wall-clock time; run it with --benchmark_repetitions=5
+// for medians and spread.
 //
 // Needs the environment printed by "scripts/mariadb env DIR" and administrator access over the
 // socket (to size the buffer pool and load the rows); skips with a message without them.
@@ -12,14 +13,15 @@
 #include <benchmark/benchmark.h>
 #include <mysql.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "DBConnector.h"
-#include "FloorRatioReporter.h"
 #include "MysqlCompat.h"
 #include "QueryMapping.h"
 #include "QuerySqlBuilder.h"
@@ -140,8 +142,8 @@ Kind makeKind(const char* name, MatchingKey key, std::string where,
 
 std::vector<Kind> kinds() {
     std::vector<Kind> out;
-    out.push_back(makeKind("single", {0x00080050, "SH", "A54321", {}}, "s.AccessionNumber = ?",
-                           {"A54321"}));
+    out.push_back(
+        makeKind("single", {0x00080050, "SH", "A54321", {}}, "s.AccessionNumber = ?", {"A54321"}));
     out.push_back(makeKind("prefix", {0x00100010, "PN", "JONES^JOHN1*", {}},
                            "p.PatientName LIKE ? ESCAPE '!'", {"JONES^JOHN1%"}));
     out.push_back(makeKind("daterange", {0x00080020, "DA", "20200101-20200107", {}},
@@ -296,6 +298,40 @@ BENCHMARK(BM_floor_query)
 BENCHMARK(BM_query)->DenseRange(0, 4)->Unit(benchmark::kMicrosecond)->MinTime(1.0)->UseRealTime();
 BENCHMARK(BM_build)->DenseRange(0, 4)->Unit(benchmark::kMicrosecond);
 
+// The searches wait on the server, so their ratios are of wall-clock time, not of this process's
+// CPU time: after the usual table, each BM_query/N against BM_floor_query/N.
+class RealTimeRatioReporter : public benchmark::ConsoleReporter {
+  public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& run : runs) {
+            if (run.run_type != Run::RT_Iteration || run.iterations == 0) continue;
+            times_[run.benchmark_name()] = {run.GetAdjustedRealTime(), run.report_label};
+        }
+    }
+    void Finalize() override {
+        ConsoleReporter::Finalize();
+        std::printf("\n%-12s %14s %14s %8s\n", "search", "builder us", "hand SQL us", "x floor");
+        for (const auto& [name, entry] : times_) {
+            if (name.rfind("BM_query/", 0) != 0) continue;
+            auto floor = times_.find("BM_floor_" + name.substr(3));
+            if (floor == times_.end()) continue;
+            std::printf("%-12s %14.1f %14.1f %8.2f\n", entry.second.c_str(), entry.first,
+                        floor->second.first, entry.first / floor->second.first);
+        }
+    }
+
+  private:
+    std::map<std::string, std::pair<double, std::string>> times_;
+};
+
 }  // namespace
 
-RH_BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    RealTimeRatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}

@@ -11,6 +11,7 @@
 #include "QueryResult.h"
 #include "QuerySqlBuilder.h"
 #include "ReferenceMatcher.h"
+#include "SearchStatementCache.h"
 #include "Sql.h"
 #include "SqlConnection.h"
 #include "SqlException.h"
@@ -21,9 +22,13 @@
 namespace kelp {
 namespace db {
 
-RawQueryDB::RawQueryDB(DBConnectorSql& connector) : connector_(connector) {}
+RawQueryDB::RawQueryDB(DBConnectorSql& connector)
+    : connector_(connector), statements_(std::make_unique<SearchStatementCache>(32)) {}
 
-RawQueryDB::~RawQueryDB() = default;
+RawQueryDB::~RawQueryDB() {
+    std::lock_guard<std::recursive_mutex> guard(connector_.sql().mutex());
+    statements_.reset();
+}
 
 size_t RawQueryDB::executeQuery(const std::string& sql, unsigned long timeLimitSeconds,
                                 std::vector<std::vector<SqlField>>& rows) {
@@ -194,7 +199,7 @@ std::vector<Row> RawQueryDB::fetchRows(const std::string& sql, const BuiltQuery&
         bindings.bindResult(static_cast<int>(i), *results[i]);
     }
 
-    TimedPSSupplier supplier(connector_, sql, timeLimitSeconds);
+    TimedPSSupplier supplier(connector_, *statements_, sql, timeLimitSeconds);
     PSHandle handle = connector_.executeQuery(supplier, bindings);
     std::vector<Row> rows;
     while (true) {

@@ -14,6 +14,7 @@ namespace db {
 
 class DBConnectorSql;
 class QueryMapping;
+class SearchStatementCache;
 struct BuiltQuery;
 class SqlResult;
 
@@ -56,6 +57,7 @@ class RH_EXPORT RawQueryDB {
     std::unique_ptr<SqlResult> run(const std::string& sql, unsigned long timeLimitSeconds);
 
     DBConnectorSql& connector_;
+    std::unique_ptr<SearchStatementCache> statements_;
 };
 
 }  // namespace db

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "DBConnectorSql.h"
+#include "SearchStatementCache.h"
 #include "SqlConnection.h"
 #include "SqlException.h"
 #include "SqlQueryLimiter.h"
@@ -11,15 +12,16 @@
 namespace kelp {
 namespace db {
 
-// Declared so that the limit row goes before the statement is closed.
 struct TimedPSSupplier::Running {
-    std::unique_ptr<SqlStatement> statement;
     std::unique_ptr<SqlQueryLimiter> limiter;
 };
 
-TimedPSSupplier::TimedPSSupplier(DBConnectorSql& connector, std::string sql,
-                                 unsigned long timeLimitSeconds)
-    : connector_(connector), sql_(std::move(sql)), timeLimitSeconds_(timeLimitSeconds) {}
+TimedPSSupplier::TimedPSSupplier(DBConnectorSql& connector, SearchStatementCache& cache,
+                                 std::string sql, unsigned long timeLimitSeconds)
+    : connector_(connector),
+      cache_(cache),
+      sql_(std::move(sql)),
+      timeLimitSeconds_(timeLimitSeconds) {}
 
 TimedPSSupplier::~TimedPSSupplier() = default;
 
@@ -30,13 +32,13 @@ PSHandle TimedPSSupplier::create() {
         mysql_set_character_set(handle, "utf8mb4") != 0)
         throw SqlException(mysql_errno(handle), "Setting the character set failed",
                            mysql_error(handle));
+    SqlStatement& statement = cache_.get(connection, sql_);
     auto running = std::make_shared<Running>();
-    running->statement = connection.prepareStatementEx(sql_);
     running->limiter = std::make_unique<SqlQueryLimiter>(handle, timeLimitSeconds_);
     running->limiter->init();
     running_ = running;
     PSHandle out;
-    out.statement = running->statement.get();
+    out.statement = &statement;
     out.owner = running;
     return out;
 }

@@ -233,3 +233,21 @@ TEST_F(QueryFind, aKeyThatCannotBeMatchedIsADbExceptionNamingIt) {
         EXPECT_NE(std::string::npos, std::string(e.what()).find("(0008,0020)")) << e.what();
     }
 }
+
+TEST_F(QueryFind, searchesOfOneShapeArePreparedOnceAndSurviveALostConnection) {
+    study(patient("A"), "9.1");
+    study(patient("B"), "9.2");
+    auto sessionValue = [&](const std::string& sql) {
+        std::vector<std::vector<SqlField>> rows;
+        raw->executeQuery(sql, 0, rows);
+        return rows.at(0).back().value();
+    };
+    const long before = std::stol(sessionValue("SHOW SESSION STATUS LIKE 'Com_stmt_prepare'"));
+    EXPECT_EQ(Uids({"9.1"}), studyUids({{0x0020000D, "UI", "9.1", {}}}));
+    EXPECT_EQ(Uids({"9.2"}), studyUids({{0x0020000D, "UI", "9.2", {}}}));
+    EXPECT_EQ(Uids({"9.1"}), studyUids({{0x0020000D, "UI", "9.1", {}}}));
+    EXPECT_EQ(1, std::stol(sessionValue("SHOW SESSION STATUS LIKE 'Com_stmt_prepare'")) - before);
+
+    schema->admin().exec("KILL CONNECTION " + sessionValue("SELECT CONNECTION_ID()"));
+    EXPECT_EQ(Uids({"9.2"}), studyUids({{0x0020000D, "UI", "9.2", {}}}));
+}
