@@ -248,6 +248,9 @@ TEST_F(QueryFind, searchesOfOneShapeArePreparedOnceAndSurviveALostConnection) {
     EXPECT_EQ(Uids({"9.1"}), studyUids({{0x0020000D, "UI", "9.1", {}}}));
     EXPECT_EQ(1, std::stol(sessionValue("SHOW SESSION STATUS LIKE 'Com_stmt_prepare'")) - before);
 
+    // A second shape in the cache: both statements of the lost connection are dropped.
+    EXPECT_EQ(Uids({"9.1"}), studyUids({{0x00100010, "PN", "A", {}}}));
     schema->admin().exec("KILL CONNECTION " + sessionValue("SELECT CONNECTION_ID()"));
     EXPECT_EQ(Uids({"9.2"}), studyUids({{0x0020000D, "UI", "9.2", {}}}));
+    EXPECT_EQ(Uids({"9.2"}), studyUids({{0x00100010, "PN", "B", {}}}));
 }
