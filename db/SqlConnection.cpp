@@ -1,5 +1,6 @@
 #include "SqlConnection.h"
 
+#include <atomic>
 #include <vector>
 
 #include "SqlException.h"
@@ -18,10 +19,26 @@ SqlConnection::~SqlConnection() {
     if (handle_) mysql_close(handle_);
 }
 
+namespace {
+
+std::atomic<SqlConnection::EscapeFunction> g_escape{&mysql_real_escape_string};
+
+}  // namespace
+
+void SqlConnection::setEscapeFunctionForTesting(EscapeFunction function) {
+    g_escape.store(function != nullptr ? function : &mysql_real_escape_string);
+}
+
+// The client library answers (unsigned long)-1 on an error; taken as a length it would make
+// assign() throw std::length_error, which is no database error.
 void SqlConnection::escape(const std::string& in, std::string& out) {
     std::vector<char> buffer(in.size() * 2 + 1);
     std::lock_guard<std::recursive_mutex> guard(mutex_);
-    unsigned long length = mysql_real_escape_string(handle_, buffer.data(), in.data(), in.size());
+    unsigned long length = g_escape.load()(handle_, buffer.data(), in.data(), in.size());
+    if (length == static_cast<unsigned long>(-1) || length >= buffer.size()) {
+        lastError_ = mysql_error(handle_);
+        throw SqlException(mysql_errno(handle_), "Escaping string failed", lastError_);
+    }
     out.assign(buffer.data(), length);
 }
 

@@ -23,8 +23,16 @@ class SqlConnection {
     SqlConnection(const SqlConnection&) = delete;
     SqlConnection& operator=(const SqlConnection&) = delete;
 
-    // out := in escaped for use inside a quoted SQL literal on this connection.
+    // out := in escaped for use inside a quoted SQL literal on this connection. An error of
+    // the client library throws SqlException ("Escaping string failed"); out is then
+    // unchanged.
     void escape(const std::string& in, std::string& out);
+
+    // The client library call behind escape(). With a buffer of twice the input length plus one
+    // the real one does not fail, so tests put a failing one in its place to reach the error
+    // path; null puts mysql_real_escape_string back. Not for production use.
+    using EscapeFunction = unsigned long (*)(MYSQL*, char*, const char*, unsigned long);
+    static void setEscapeFunctionForTesting(EscapeFunction function);
 
     // True when the server answers. Never throws for a server error.
     bool ping();

@@ -1,7 +1,13 @@
 // Connection setup: the environment, the connect retries of db.cfg, and found rows.
+#include <malloc.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+// Of the sanitizer run-time; GCC ships no header that declares it.
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
+#endif
 
 #include <atomic>
 #include <chrono>
@@ -13,9 +19,12 @@
 
 #include <gtest/gtest.h>
 
+#include "ChildProcess.h"
+#include "ClockControl.h"
 #include "DBConnectorSql.h"
 #include "DBException.h"
 #include "DbTestEnv.h"
+#include "KSClock.h"
 #include "QueryBindings.h"
 #include "RawQueryDB.h"
 #include "ScopedEnv.h"
@@ -95,6 +104,30 @@ struct RefusedSetup {
     RefusingSocket refusing;
     ScopedEnv dbname, user, socketEnv, confEnv;
 };
+
+// The client handle of a connect that fails without CONF is never closed. In a sanitized build
+// the leak checker is told that the handles made in this scope are left open on purpose.
+struct HandlesLeftOpen {
+    HandlesLeftOpen() {
+#if defined(__SANITIZE_ADDRESS__)
+        __lsan_disable();
+#endif
+    }
+    ~HandlesLeftOpen() {
+#if defined(__SANITIZE_ADDRESS__)
+        __lsan_enable();
+#endif
+    }
+};
+
+// Bytes that the process has allocated and not freed.
+long long allocatedBytes() {
+#if defined(__SANITIZE_ADDRESS__)
+    return static_cast<long long>(__sanitizer_get_current_allocated_bytes());
+#else
+    return static_cast<long long>(mallinfo2().uordblks);
+#endif
+}
 
 std::string connectError(Sql& sql) {
     try {
@@ -186,6 +219,7 @@ TEST(DbConnection, nonNumericRetryCountMeansNoRetry) {
 TEST(DbConnection, withoutConfAFailedConnectEndsAtOnceWithALogicErrorThatNoRetryCatches) {
     RefusedSetup setup("retryCount=5\nretrySleep=0\n");
     ScopedEnv noConf("CONF", nullptr);
+    HandlesLeftOpen leftOpen;
     Sql sql(false);
     EXPECT_THROW(sql.getConnectionEx(), std::logic_error);
     EXPECT_EQ(1u, setup.refusing.attempts().size());
@@ -195,6 +229,58 @@ TEST(DbConnection, withoutConfAFailedConnectEndsAtOnceWithALogicErrorThatNoRetry
     QueryBindings none(0, 0);
     EXPECT_THROW(connector->executeUpdate("DO 1", none, false), std::logic_error);
     EXPECT_EQ(2u, setup.refusing.attempts().size());
+}
+
+TEST(DbConnection, withoutConfAFailedConnectLeavesItsClientHandleOpen) {
+    RefusedSetup setup("retryCount=5\nretrySleep=0\n");
+    ScopedEnv noConf("CONF", nullptr);
+    // In a child, which leaves without the leak check of a sanitized build.
+    const int code = runInChild([] {
+        Sql sql(false);
+        auto failsWithLogicError = [&sql] {
+            try {
+                sql.getConnectionEx();
+            } catch (const std::logic_error&) {
+                return true;
+            } catch (...) {
+            }
+            return false;
+        };
+        if (!failsWithLogicError()) return 1;  // also sets the client library up
+        constexpr int kCalls = 16;
+        const long long before = allocatedBytes();
+        for (int i = 0; i < kCalls; ++i)
+            if (!failsWithLogicError()) return 1;
+        const long long kept = allocatedBytes() - before;
+        return kept >= kCalls * static_cast<long long>(sizeof(MYSQL)) ? 0 : 2;
+    });
+    EXPECT_EQ(0, code) << "1: no std::logic_error, 2: the client handles were closed";
+    EXPECT_EQ(17u, setup.refusing.attempts().size()) << "one attempt per call";
+}
+
+// The pauses go through the clock seam, so their sum is counted without waiting.
+TEST(DbConnection, withoutDbCfgOrOneOfItsKeysTheDefaultsAreThirtyRetriesOneSecondApart) {
+    ClockGuard clock;
+    KSClock::setVirtualSleepForTesting(true);
+    struct Case {
+        const char* dbCfg;  // null: no db.cfg at all
+        size_t attempts;
+        long long pausedMillis;
+    };
+    for (const Case& c : {Case{nullptr, 31, 30000}, Case{"retrySleep=250\n", 31, 7500},
+                          Case{"retryCount=2\n", 3, 2000}, Case{"# nothing\n", 31, 30000}}) {
+        SCOPED_TRACE(c.dbCfg != nullptr ? c.dbCfg : "no db.cfg");
+        RefusedSetup setup(c.dbCfg != nullptr ? c.dbCfg : "");
+        if (c.dbCfg == nullptr) {
+            ASSERT_EQ(0, unlink(setup.conf.c_str()));
+        }
+        Sql sql(false);
+        const long long before = KSClock::offsetMillisForTesting();
+        const std::string error = connectError(sql);
+        EXPECT_EQ(0u, error.find("Connecting to mysql failed: [")) << error;
+        EXPECT_EQ(c.attempts, setup.refusing.attempts().size());
+        EXPECT_EQ(c.pausedMillis, KSClock::offsetMillisForTesting() - before);
+    }
 }
 
 TEST(DbConnection, rawQueryThatCannotConnectDoesNotConnectAgain) {
@@ -235,6 +321,39 @@ TEST(DbConnection, firstConnectThatSucceedsNeverNeedsDbCfg) {
     Sql sql(false);
     auto connection = sql.getConnectionEx();
     EXPECT_TRUE(connection->ping());
+}
+
+namespace {
+
+// What the client library answers when it cannot escape.
+unsigned long failingEscape(MYSQL*, char*, const char*, unsigned long) {
+    return static_cast<unsigned long>(-1);
+}
+
+struct RealEscapeAgain {
+    ~RealEscapeAgain() { kelp::db::SqlConnection::setEscapeFunctionForTesting(nullptr); }
+};
+
+}  // namespace
+
+TEST(DbConnection, escapeQuotesForTheServerAndAnErrorOfTheClientLibraryIsASqlException) {
+    RH_REQUIRE_DB();
+    Sql sql(false);
+    auto connection = sql.getConnectionEx();
+    std::string out;
+    connection->escape("it's \"a\\b\"\n", out);
+    EXPECT_EQ("it\\'s \\\"a\\\\b\\\"\\n", out);
+
+    RealEscapeAgain restore;
+    kelp::db::SqlConnection::setEscapeFunctionForTesting(&failingEscape);
+    out = "unchanged";
+    try {
+        connection->escape("x", out);
+        FAIL() << "the error return was taken for a length";
+    } catch (const SqlException& e) {
+        EXPECT_EQ(0u, std::string(e.what()).find("Escaping string failed: [")) << e.what();
+    }
+    EXPECT_EQ("unchanged", out);
 }
 
 TEST(DbConnection, updateToTheSameValueCountsTheFoundRow) {
