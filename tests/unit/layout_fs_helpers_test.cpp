@@ -61,6 +61,8 @@ TEST(LayoutFsHelpers, mkdirsCreatesEveryMissingAncestorAndFailsBelowAFile) {
 
     tree.write("file", "x");
     EXPECT_EQ(mkdirs(tree.path("file/sub/deeper").c_str(), 0755), -1);
+    EXPECT_EQ(mkdirs("", 0755), 0) << "the empty path makes nothing";
+    EXPECT_EQ(mkdirs(nullptr, 0755), -1);
 }
 
 TEST(LayoutFsHelpers, createDirectoryMakesTheHashedLevelsOfTheResource) {

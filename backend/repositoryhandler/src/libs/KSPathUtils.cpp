@@ -318,7 +318,9 @@ int myunlink(const char* path) {
 }
 
 int mkdirs(const char* path, mode_t mode) {
-    if (path == nullptr || path[0] == '\0') return -1;
+    if (path == nullptr) return -1;
+    // The empty path names no directory and has no ancestor to make: nothing to do.
+    if (path[0] == '\0') return 0;
     std::string copy = path;
     for (size_t slash = copy.find('/', 1); slash != std::string::npos;
          slash = copy.find('/', slash + 1)) {

@@ -36,7 +36,8 @@ bool isDangling(const char* path);
 void mylink(const char* legacyRoot, const char* mountRoot, const char* relPath);
 int myunlink(const char* path);
 // Creates path and its missing ancestors: 0, or -1 when an ancestor cannot be made (or path is
-// null or empty). A level that another process makes at the same moment counts as made.
+// null). The empty path makes nothing and answers 0. A level that another process makes at the
+// same moment counts as made.
 int mkdirs(const char* path, mode_t mode);
 int myStat(const char* path, struct stat* out);                      // 0 or 8; null arguments throw
 int isDir(const char* path, bool* isDirectory, struct stat* known);  // null isDirectory throws
