@@ -302,6 +302,48 @@ TEST_F(Overload, AResourceTouchedAfterGatheringIsNotDeleted) {
     EXPECT_FALSE(entryExists(at(0, "r2")));
 }
 
+TEST_F(Overload, ACandidateRemovedBeforeItsMoveIsReportedLikeATouchedOne) {
+    makeRepository({{"isClearable", "true"},
+                    {"isClearableMove", "true"},
+                    {"callback", "RepositoryStudyCallback"}},
+                   {{"moveLimit", "50"}, {"cleanLimit", "40"}, {"deleteOld", "0"}});
+    for (int i = 0; i < 20; ++i) put(0, "r" + std::to_string(i), 40 - i);
+    // The first move's callback removes r1, the next candidate, as a client would.
+    callbackRuns("rm -rf '" + at(0, "r1") + "'");
+    const std::string printed = tmp_.path("stdout");
+
+    int code = runInChild([&] {
+        if (freopen(printed.c_str(), "w", stdout) == nullptr) return 1;
+        checkOverload_(repo_.path().c_str(), true, false, nullptr);
+        return 0;
+    });
+
+    ASSERT_EQ(code, 0);
+    EXPECT_NE(readFile(printed).find("Resource touched while checking: " + at(0, "r1") + "\n"),
+              std::string::npos);
+    EXPECT_FALSE(entryExists(at(1, "r1")));
+    EXPECT_TRUE(entryExists(at(1, "r0")));
+}
+
+TEST_F(Overload, ANegativeMoveTimeInTheMoveStateIsLoggedAsNegativeAndIgnored) {
+    makeRepository({}, {{"moveLimit", "50"}, {"cleanLimit", "40"}});
+    for (int i = 0; i < 10; ++i) put(0, "old" + std::to_string(i), 40 + i);
+    for (int i = 0; i < 10; ++i) put(0, "young" + std::to_string(i), 2 + i);
+    std::shared_ptr<KSRepositoryHandler> repository = handler();
+    repository->initMPHandlers();
+    ScratchRepository::writeProperties(repository->mounts()[0]->lastMoveFile(),
+                                       {{"movetime", "-5"}});
+    SyslogCapture log;
+
+    checkOverload();
+
+    EXPECT_EQ(log.countContaining("movetime is negative: -5"), 1);
+    EXPECT_EQ(log.countContaining("movetime is not an integer"), 0);
+    EXPECT_TRUE(entryExists(at(1, "old0")));
+    for (int i = 0; i < 10; ++i)  // the default move time of 30 days holds
+        EXPECT_TRUE(entryExists(at(0, "young" + std::to_string(i)))) << i;
+}
+
 TEST_F(Overload, ALockedResourceIsReportedAndSkippedNeverDeleted) {
     makeRepository({{"isClearable", "true"}}, {{"moveLimit", "50"}, {"cleanLimit", "40"}});
     for (int i = 0; i < 20; ++i) put(0, "r" + std::to_string(i), 40 - i);
@@ -509,6 +551,33 @@ TEST_F(Overload, FreeMountOfAnUnknownMountChangesNothing) {
     EXPECT_TRUE(entryExists(at(0, "r")));
 }
 
+TEST_F(Overload, FreeMountWithNoOtherMountToTakeResourcesReturnsOneAndKeepsThem) {
+    makeRepository({}, {}, {{"fullLimit", "0"}});  // p2 takes nothing
+    for (int i = 0; i < 3; ++i) put(0, "r" + std::to_string(i), 1);
+    SyslogCapture log;
+
+    EXPECT_EQ(freeMount_(repo_.path().c_str(), repo_.mountPath(0).c_str(), false, nullptr), 1);
+
+    EXPECT_EQ(log.countContaining("Could not find target mount for data moving."), 1);
+    EXPECT_EQ(log.countContaining("Not all resources could be moved"), 1);
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(entryExists(at(0, "r" + std::to_string(i)))) << i;
+}
+
+TEST_F(Overload, FreeMountWhoseRepositoryIsLockedReturnsMinusOneAndMovesNothing) {
+    makeRepository({}, {});
+    put(0, "r", 1);
+    std::unique_ptr<char[]> id(toResourceID(repo_.path().c_str(), ""));
+    KSSemaphore holder(id.get());  // an overload check holds the repository
+    ASSERT_TRUE(holder.lockResource());
+    ClockGuard clock;
+    KSClock::setVirtualSleepForTesting(true);
+
+    EXPECT_EQ(freeMount_(repo_.path().c_str(), repo_.mountPath(0).c_str(), false, nullptr), -1);
+
+    EXPECT_TRUE(entryExists(at(0, "r")));
+    EXPECT_FALSE(entryExists(at(1, "r")));
+}
+
 // A link to nowhere inside a resource copies but never compares equal, so its move fails with
 // the comparison's raw status and leaves the origin in place.
 std::string withBrokenLink(const std::string& location) {
@@ -530,6 +599,23 @@ TEST_F(Overload, FreeMountEndsWhenAResourceCannotBeCopiedAndLeavesItInPlace) {
     EXPECT_EQ(code, 1) << "not all resources could be moved";
     EXPECT_TRUE(entryExists(broken + "/image"));
     EXPECT_FALSE(entryExists(at(1, "broken")));
+    EXPECT_EQ(readFile(at(1, "fine") + "/image"), kContent + "fine");
+}
+
+TEST_F(Overload, FreeMountOfAMountThatWentDeadMeanwhileDoesNotReportFinished) {
+    makeRepository({{"callback", "RepositoryStudyCallback"}}, {});
+    put(0, "fine", 1);
+    const std::string broken = withBrokenLink(put(0, "broken", 1));
+    // The first move's callback takes p1 out of service, as an unmounted disk shows.
+    callbackRuns("mv '" + repo_.mountPath(0) + "/repositorypart.cfg' '" + repo_.mountPath(0) +
+                 "/repositorypart.no' 2>/dev/null");
+    SyslogCapture log;
+
+    EXPECT_EQ(freeMount_(repo_.path().c_str(), repo_.mountPath(0).c_str(), false, nullptr), 1);
+
+    EXPECT_EQ(log.countContaining("Finished."), 0);
+    EXPECT_EQ(log.countContaining("Not all resources could be moved"), 1);
+    EXPECT_TRUE(entryExists(broken + "/image"));
     EXPECT_EQ(readFile(at(1, "fine") + "/image"), kContent + "fine");
 }
 

@@ -277,10 +277,13 @@ public:
     int moveResourcesNew(kelp::db::DBConnector* connection, KSMountPointHandler* mount);
     int deleteResourcesFromMount(kelp::db::DBConnector* connection, KSMountPointHandler* mount,
                                  KSNomoveHandler* nomove, unsigned maxCount);
-    // Empties the mount whose path is `mount`; `verbose` also prints progress. 0 when nothing
-    // is left on it, 1 when some resources could not be moved (each is tried once per call),
-    // -1 for an unknown or unmounted mount, when the repository lock is refused or when no
-    // other mount can take anything.
+    // Empties the mount whose path is `mount`; `verbose` also prints progress. Returns
+    //   0  the mount holds no resource any more ("Finished.");
+    //   1  resources were left on it: one could not be moved (each is tried once per call), no
+    //      other mount could take more, the run was stopped by a signal, or the mount went dead
+    //      meanwhile ("Not all resources could be moved");
+    //  -1  the emptying did not begin: the mount is unknown or unmounted, or the repository
+    //      lock was refused. Nothing was moved.
     int moveAllResourcesFromMount(kelp::db::DBConnector* connection, const char* mount,
                                   bool verbose);
     // Moves the resource onto the last usable fast mount; its new location (new[]), or null
