@@ -1,13 +1,14 @@
 #pragma once
 
-// A console reporter that, after the usual table, prints every benchmark "BM_x/..." as a ratio
-// against the benchmark "BM_floor_x/..." with the same arguments and thread count, measured in
-// the same run. Use RH_BENCHMARK_MAIN() instead of BENCHMARK_MAIN().
+// The console reporter of the benchmarks: after the usual table, one line per benchmark that
+// reported a ratio to its floor (counters of reportRatio, InterleavedRatio.h): the median ratio
+// of the interleaved rounds, the middle half and the whole range of the rounds' ratios. These
+// are the figures to quote, together with the load of the machine they were measured on.
+// Use RH_BENCHMARK_MAIN() instead of BENCHMARK_MAIN().
 
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -16,25 +17,39 @@ class FloorRatioReporter : public benchmark::ConsoleReporter {
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
-            if (run.run_type != Run::RT_Iteration || run.iterations == 0) continue;
-            times_[run.benchmark_name()] = run.GetAdjustedCPUTime();
+            if (run.run_type != Run::RT_Iteration || run.counters.count("xFloor") == 0) continue;
+            std::string name = run.benchmark_name();
+            const std::string once = "/iterations:1";  // one measurement of many rounds
+            if (name.size() > once.size() &&
+                name.compare(name.size() - once.size(), once.size(), once) == 0)
+                name.erase(name.size() - once.size());
+            lines_.push_back({name, run.counters});
         }
     }
 
     void Finalize() override {
         ConsoleReporter::Finalize();
-        std::printf("\n%-60s %12s %12s %8s\n", "benchmark", "ns/op", "floor ns/op", "x floor");
-        for (const auto& [name, time] : times_) {
-            if (name.rfind("BM_floor_", 0) == 0) continue;
-            auto floor = times_.find("BM_floor_" + name.substr(3));
-            if (name.rfind("BM_", 0) != 0 || floor == times_.end()) continue;
-            std::printf("%-60s %12.1f %12.1f %8.2f\n", name.c_str(), time, floor->second,
-                        time / floor->second);
+        if (lines_.empty()) return;
+        std::printf("\n%-52s %8s %17s %17s %6s %12s %12s\n", "ratio to floor (median of rounds)",
+                    "x floor", "middle half", "range", "rounds", "ns/call", "floor ns");
+        for (const Line& line : lines_) {
+            auto value = [&line](const char* name) {
+                auto it = line.counters.find(name);
+                return it == line.counters.end() ? 0.0 : it->second.value;
+            };
+            std::printf("%-52s %8.2f %7.2f - %7.2f %7.2f - %7.2f %6.0f %12.1f %12.1f\n",
+                        line.name.c_str(), value("xFloor"), value("xFloor_p25"),
+                        value("xFloor_p75"), value("xFloor_min"), value("xFloor_max"),
+                        value("rounds"), value("ns"), value("floor_ns"));
         }
     }
 
   private:
-    std::map<std::string, double> times_;
+    struct Line {
+        std::string name;
+        benchmark::UserCounters counters;
+    };
+    std::vector<Line> lines_;
 };
 
 #define RH_BENCHMARK_MAIN()                                               \

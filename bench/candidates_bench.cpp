@@ -1,5 +1,5 @@
 // The maintenance's hot paths against the tools an administrator would use instead, timed in
-// the same run:
+// the same run, interleaved:
 //   - gathering the oldest resources of a mount against
 //     find MOUNT -mindepth 4 -maxdepth 4 -printf '%A@ %T@ %p\n' over the same hashed tree;
 //   - the memory the gathering holds at its peak (bounded by the collect number);
@@ -7,14 +7,13 @@
 //     cp -rp + diff -q -r + rm -fr of the same tree.
 // RH_BENCH_DIR chooses where the trees are made (default /dev/shm, else /tmp).
 
-#include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
 
+#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -22,6 +21,7 @@
 #include <new>
 #include <string>
 
+#include "InterleavedRatio.h"
 #include "KSCandidateMove.h"
 #include "KSPathUtils.h"
 #include "KSRepositoryHandler.h"
@@ -58,12 +58,6 @@ void operator delete(void* p, size_t) noexcept {
 }
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 std::string benchRoot() {
     if (const char* dir = getenv("RH_BENCH_DIR")) return dir;
@@ -116,41 +110,42 @@ Tree& treeOf(int resources) {
     return *tree;
 }
 
+// Rounds of the gathering and of find alternate (InterleavedRatio.h); wall-clock time, since
+// both are mostly the file system's work.
+InterleaveOptions fewLongRounds() {
+    InterleaveOptions options;
+    options.rounds = 5;
+    options.callsPerBlock = 1;
+    options.clock = BenchClock::Wall;
+    return options;
+}
+
 void BM_OldestResourcesAgainstFind(benchmark::State& state) {
     Tree& tree = treeOf(static_cast<int>(state.range(0)));
     KSMountPointHandler& mount = *tree.repository().mounts()[0];
     const std::string find =
         "find '" + tree.mount() + "' -mindepth 4 -maxdepth 4 -printf '%A@ %T@ %p\\n' > /dev/null";
-    double walk = 0, baseline = 0;
     long long peak = 0;
-    for (auto _ : state) {
+    auto subject = [&] {
         ResourceSet result;
         const long long before = liveBytes.load();
         peakBytes = before;
-        auto start = Clock::now();
-        uint32_t found = mount.getOldestResources(nullptr, result, nullptr, 100, nullptr, "", 0);
-        const double took = secondsSince(start);
+        benchmark::DoNotOptimize(
+            mount.getOldestResources(nullptr, result, nullptr, 100, nullptr, "", 0));
         peak = std::max(peak, peakBytes.load() - before);
-        benchmark::DoNotOptimize(found);
-        start = Clock::now();
-        run(find);
-        baseline += secondsSince(start);
-        walk += took;
-        state.SetIterationTime(took);
-    }
-    state.counters["walk_ms"] = walk * 1000 / state.iterations();
-    state.counters["find_ms"] = baseline * 1000 / state.iterations();
-    state.counters["ratio_to_find"] = walk / baseline;
+    };
+    auto floor = [&] { run(find); };
+    for (auto _ : state) reportRatio(state, interleavedRatio(subject, floor, fewLongRounds()));
     state.counters["peak_KiB"] = static_cast<double>(peak) / 1024.0;
 }
 BENCHMARK(BM_OldestResourcesAgainstFind)
     ->Arg(10000)
     ->Arg(100000)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond)
-    ->Iterations(5);
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
 
-// One resource of 1,000 files of 100 KiB, moved back and forth between m1 and m2.
+// One resource of 1,000 files of 100 KiB, moved back and forth between m1 and m2: by the
+// library, and by hand with cp -rp + diff -q -r + rm -fr onto the other mount.
 void BM_MoveAgainstCopyCompareRemove(benchmark::State& state) {
     Tree& tree = treeOf(1);
     KSRepositoryHandler& repository = tree.repository();
@@ -161,43 +156,33 @@ void BM_MoveAgainstCopyCompareRemove(benchmark::State& state) {
         "' && for i in $(seq 1 1000); do head -c 102400 /dev/urandom > f$i; done");
     CandidateMove how;
     how.checkTime = false;
-    int here = 1;
-    double move = 0, baseline = 0;
-    for (auto _ : state) {
+    int here = 1;  // the mount that holds the resource now
+    bool failed = false;
+    auto subject = [&] {
         const int there = 3 - here;
         ResourceEntry entry;
         entry.name = name;
         entry.path = resourceLocation(tree.mount(here), name.c_str());
-        auto start = Clock::now();
-        CandidateMoveResult result =
-            moveCandidate(repository, how, entry, *repository.mounts()[there - 1]);
-        const double took = secondsSince(start);
-        if (result != CandidateMoveResult::Moved) {
-            state.SkipWithError(
-                ("move failed: " + std::to_string(static_cast<int>(result))).c_str());
-            break;
-        }
-        // The same work done by hand: copy back, compare, remove.
-        const std::string from = resourceLocation(tree.mount(there), name.c_str());
-        const std::string to = tree.mount(here) + "/copy";
-        start = Clock::now();
+        if (moveCandidate(repository, how, entry, *repository.mounts()[there - 1]) !=
+            CandidateMoveResult::Moved)
+            failed = true;
+        here = there;
+    };
+    auto floor = [&] {
+        const int there = 3 - here;
+        const std::string from = resourceLocation(tree.mount(here), name.c_str());
+        const std::string to = resourceLocation(tree.mount(there), name.c_str());
+        std::unique_ptr<char[]> parent(baseDir(to.c_str()));
+        mkdirs(parent.get(), 0755);
         run("cp -rp '" + from + "' '" + to + "' && diff -q -r '" + from + "' '" + to +
             "' && rm -fr '" + from + "'");
-        baseline += secondsSince(start);
-        // Back in place for the next round (the move removed the emptied hash levels).
-        std::unique_ptr<char[]> parent(baseDir(entry.path.c_str()));
-        mkdirs(parent.get(), 0755);
-        run("mv '" + to + "' '" + entry.path + "'");
-        move += took;
-        state.SetIterationTime(took);
-    }
-    state.counters["move_ms"] = move * 1000 / state.iterations();
-    state.counters["cp_diff_rm_ms"] = baseline * 1000 / state.iterations();
-    state.counters["ratio_to_commands"] = move / baseline;
+        here = there;
+    };
+    for (auto _ : state) reportRatio(state, interleavedRatio(subject, floor, fewLongRounds()));
+    if (failed) state.SkipWithError("a move failed");
 }
-BENCHMARK(BM_MoveAgainstCopyCompareRemove)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond)
-    ->Iterations(5);
+BENCHMARK(BM_MoveAgainstCopyCompareRemove)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
+
+RH_BENCHMARK_MAIN();

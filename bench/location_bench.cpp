@@ -1,6 +1,7 @@
 // getLocation_ of a clean resource found on the k-th of 4 mounts, against its floor measured in
-// the same run: the file-system calls any lookup must make on those same paths (for each mount
-// visited, the test of its repositorypart.cfg and the probe of the resource's location).
+// the same run, interleaved: the file-system calls any lookup must make on those same paths
+// (for each mount visited, the test of its repositorypart.cfg and the probe of the resource's
+// location).
 // Once without the resource lock, once with the file lock, whose floor adds one
 // open(O_CREAT|O_EXCL), close and unlink of a lock file. Also createLocation_ per second.
 
@@ -14,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "FloorRatioReporter.h"
+#include "InterleavedRatio.h"
 #include "KSPathUtils.h"
 #include "repohandler.h"
 
@@ -57,57 +58,48 @@ BenchRepository& repository() {
     return instance;
 }
 
-void lookup(benchmark::State& state, bool lock) {
+// Subject and floor interleaved, on the resource that lies on mount state.range(0).
+void lookupAgainstFloor(benchmark::State& state, bool lock) {
     BenchRepository& repo = repository();
-    const std::string name = BenchRepository::resourceOn(static_cast<int>(state.range(0)));
+    const int k = static_cast<int>(state.range(0));
+    const std::string name = BenchRepository::resourceOn(k);
     int status = -1;
-    for (auto _ : state) {
+    auto subject = [&] {
         char* location = getLocation_(repo.path.c_str(), name.c_str(), &status, false, lock, false,
                                       false, nullptr);
         benchmark::DoNotOptimize(location);
         release(location);
-    }
-    if (status != 0) state.SkipWithError("the resource was not found");
-}
-
-void floorLookup(benchmark::State& state, bool lock) {
-    BenchRepository& repo = repository();
-    const int k = static_cast<int>(state.range(0));
-    const std::string name = BenchRepository::resourceOn(k);
+    };
     std::vector<std::string> configs, locations;
     for (int i = 0; i < k; ++i) {
         configs.push_back(repo.mounts[i] + "/repositorypart.cfg");
         locations.push_back(resourceLocation(repo.mounts[i], name.c_str()));
     }
     const std::string lockFile = repo.lockDir + "/semaphore_floor";
-    struct stat st;
-    for (auto _ : state) {
+    auto floor = [&] {
+        struct stat st;
         if (lock) close(open(lockFile.c_str(), O_RDONLY | O_CREAT | O_EXCL, 0660));
         for (int i = 0; i < k; ++i) {
             benchmark::DoNotOptimize(stat(configs[i].c_str(), &st));
             benchmark::DoNotOptimize(access(locations[i].c_str(), F_OK));
         }
         if (lock) unlink(lockFile.c_str());
-    }
+    };
+    InterleaveOptions options;
+    options.callsPerBlock = 2000;  // CPU time of this thread, the kernel's work for it included
+    for (auto _ : state) reportRatio(state, interleavedRatio(subject, floor, options));
+    if (status != 0) state.SkipWithError("the resource was not found");
 }
 
 void BM_getLocation(benchmark::State& state) {
-    lookup(state, false);
-}
-void BM_floor_getLocation(benchmark::State& state) {
-    floorLookup(state, false);
+    lookupAgainstFloor(state, false);
 }
 void BM_getLocationLocked(benchmark::State& state) {
-    lookup(state, true);
-}
-void BM_floor_getLocationLocked(benchmark::State& state) {
-    floorLookup(state, true);
+    lookupAgainstFloor(state, true);
 }
 
-BENCHMARK(BM_floor_getLocation)->DenseRange(1, kMounts);
-BENCHMARK(BM_getLocation)->DenseRange(1, kMounts);
-BENCHMARK(BM_floor_getLocationLocked)->DenseRange(1, kMounts);
-BENCHMARK(BM_getLocationLocked)->DenseRange(1, kMounts);
+BENCHMARK(BM_getLocation)->DenseRange(1, kMounts)->Iterations(1);
+BENCHMARK(BM_getLocationLocked)->DenseRange(1, kMounts)->Iterations(1);
 
 // New locations on one mount: the hash levels are made, the resource directory is not.
 void BM_createLocation(benchmark::State& state) {

@@ -5,11 +5,8 @@
 //
 // Needs the environment printed by "scripts/mariadb env DIR"; skips with a message without it.
 
-#include <benchmark/benchmark.h>
 #include <mysql.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -17,17 +14,16 @@
 #include <vector>
 
 #include "DBConnector.h"
+#include "InterleavedRatio.h"
 #include "LockDB.h"
 #include "MysqlCompat.h"
 #include "RawQueryDB.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 const char kLockId[] = "bench-lock";
 constexpr int kBlock = 200;
-constexpr int kBlocks = 40;
+constexpr int kBlocks = 41;
 
 std::string envText(const char* name) {
     const char* value = getenv(name);
@@ -100,20 +96,8 @@ long long prepares(kelp::db::DBConnector& connector) {
     return std::stoll(rows.at(0).at(1).value());
 }
 
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-template <class Body>
-double nanosPerCall(Body body) {
-    auto start = Clock::now();
-    for (int i = 0; i < kBlock; ++i) body();
-    return std::chrono::duration<double, std::nano>(Clock::now() - start).count() / kBlock;
-}
-
-// Short blocks of the floor and of the library alternate, and the median of the ratios of each
-// pair counts: a burst of other load on the machine spoils a pair or two, not the figure.
+// Short blocks of the floor and of the library alternate (InterleavedRatio.h), and the median of
+// the rounds' ratios counts: a burst of other load spoils a round or two, not the figure.
 void BM_lockRoundTrip(benchmark::State& state) {
     if (envText("DBNAME").empty() || envText("MYSQL_UNIX_PORT").empty()) {
         state.SkipWithError("no private server: eval \"$(scripts/mariadb env DIR)\" first");
@@ -130,20 +114,15 @@ void BM_lockRoundTrip(benchmark::State& state) {
     library();  // warm-up: the statements are prepared here
     bare.roundTrip();
     long long preparedBefore = prepares(*connector);
-    long long calls = 0;
-    std::vector<double> ratios, floors, libraries;
-    for (auto _ : state) {
-        for (int block = 0; block < kBlocks; ++block) {
-            floors.push_back(nanosPerCall([&] { bare.roundTrip(); }));
-            libraries.push_back(nanosPerCall(library));
-            ratios.push_back(libraries.back() / floors.back());
-            calls += 2 * kBlock;
-        }
-    }
+    InterleaveOptions options;
+    options.rounds = kBlocks;
+    options.callsPerBlock = kBlock;
+    options.clock = BenchClock::Wall;  // the server's work is part of the round trip
+    auto floor = [&bare] { bare.roundTrip(); };
+    for (auto _ : state) reportRatio(state, interleavedRatio(library, floor, options));
+    // Warm-up and rounds, both closures.
+    const long long calls = 2LL * (kBlocks + 1) * kBlock;
     long long prepared = prepares(*connector) - preparedBefore;
-    state.counters["floor_us"] = median(floors) / 1000;
-    state.counters["lock_us"] = median(libraries) / 1000;
-    state.counters["xFloor"] = median(ratios);
     state.counters["preparesPer10k"] =
         10000.0 * static_cast<double>(prepared) / static_cast<double>(calls);
 }
@@ -151,3 +130,5 @@ void BM_lockRoundTrip(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(BM_lockRoundTrip)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+RH_BENCHMARK_MAIN();

@@ -1,6 +1,6 @@
 // The registry's hot path: getRepository() with the up-to-date check inside the 9-second quiet
-// period, on 1 and 2 threads, against its floor measured in the same run: a shared-lock read of
-// a reader-writer lock, a std::map lookup of the same key and one clock read.
+// period, on 1 and 2 threads, against its floor measured in the same run, interleaved: a
+// shared-lock read of a reader-writer lock, a std::map lookup of the same key and one clock read.
 
 #include <pthread.h>
 #include <stdlib.h>
@@ -13,7 +13,7 @@
 #include <memory>
 #include <string>
 
-#include "FloorRatioReporter.h"
+#include "InterleavedRatio.h"
 #include "KSClock.h"
 #include "KSRepositoryHandler.h"
 
@@ -38,39 +38,36 @@ BenchRepository& repository() {
     return instance;
 }
 
-void BM_getRepository(benchmark::State& state) {
-    const char* path = repository().path.c_str();
-    getRepository(nullptr, path, true);  // loaded once; every later call is the hot path
-    for (auto _ : state) {
-        std::shared_ptr<KSRepositoryHandler> handler = getRepository(nullptr, path, true);
-        benchmark::DoNotOptimize(handler.get());
-    }
-}
-
 // The floor: what any registry must do per call.
 pthread_rwlock_t floorLock = PTHREAD_RWLOCK_INITIALIZER;
 std::map<std::string, std::shared_ptr<int>> floorMap;
 
-void BM_floor_getRepository(benchmark::State& state) {
+// Subject and floor alternate in rounds, on state.range(0) threads at once.
+void BM_getRepository(benchmark::State& state) {
+    const char* path = repository().path.c_str();
     const std::string key = repository().path;
-    if (state.thread_index() == 0) {
-        pthread_rwlock_wrlock(&floorLock);
-        floorMap[key] = std::make_shared<int>(1);
-        for (int i = 0; i < 16; ++i) floorMap[key + std::to_string(i)] = std::make_shared<int>(i);
-        pthread_rwlock_unlock(&floorLock);
-    }
-    for (auto _ : state) {
+    getRepository(nullptr, path, true);  // loaded once; every later call is the hot path
+    floorMap[key] = std::make_shared<int>(1);
+    for (int i = 0; i < 16; ++i) floorMap[key + std::to_string(i)] = std::make_shared<int>(i);
+    auto subject = [path] {
+        std::shared_ptr<KSRepositoryHandler> handler = getRepository(nullptr, path, true);
+        benchmark::DoNotOptimize(handler.get());
+    };
+    auto floor = [&key] {
         pthread_rwlock_rdlock(&floorLock);
         auto it = floorMap.find(key);
         benchmark::DoNotOptimize(it);
         time_t now = KSClock::now();
         benchmark::DoNotOptimize(now);
         pthread_rwlock_unlock(&floorLock);
-    }
+    };
+    InterleaveOptions options;
+    options.threads = static_cast<int>(state.range(0));
+    options.callsPerBlock = 20000;
+    for (auto _ : state) reportRatio(state, interleavedRatio(subject, floor, options));
 }
 
-BENCHMARK(BM_floor_getRepository)->Threads(1)->Threads(2);
-BENCHMARK(BM_getRepository)->Threads(1)->Threads(2);
+BENCHMARK(BM_getRepository)->ArgName("threads")->Arg(1)->Arg(2)->Iterations(1);
 
 }  // namespace
 

@@ -3,14 +3,19 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
+#include <fstream>
 #include <memory>
 #include <string>
 
+#include "ChildProcess.h"
 #include "ClockControl.h"
 #include "DBConnector.h"
 #include "DbTestEnv.h"
 #include "KSClock.h"
 #include "KSPathUtils.h"
+#include "KSRepositoryHandler.h"
 #include "KSSemaphoreGlobal.h"
 #include "ResourceFiles.h"
 #include "ScratchRepository.h"
@@ -72,6 +77,25 @@ TEST_F(PlacementSharedLock, ARowHeldElsewhereBlocksLookupAndCreationUntilRelease
     EXPECT_EQ(status, 0);
     EXPECT_EQ(removeResource_(repo_.path().c_str(), "study1", true, false, nullptr), 0);
     EXPECT_EQ(lockRows(), 0) << "every lock taken by the library is released";
+}
+
+// A repository whose directory is missing has no mounts and is shared (the default): its
+// overload run takes the repository lock in the lock table and walks no mount at all.
+TEST(SharedOverloadStop, ASignalDuringARunOverARepositoryWithoutMountsIsLogged) {
+    RH_REQUIRE_DB();
+    ScratchRepository repo;
+    const std::string missing = repo.path() + "/none";
+    const std::string count = repo.path() + "/interrupt-lines";
+    int code = runInChild([&] {
+        SyslogCapture log;
+        log.raiseWhenLogged("checkoverload at the end", SIGTERM);
+        checkOverload_(missing.c_str(), false, false, nullptr);
+        if (!checkoverloadStopped) return 1;
+        std::ofstream(count) << log.countContaining("Checkoverload interrupt signal is 15");
+        return 0;
+    });
+    ASSERT_EQ(code, 0);
+    EXPECT_EQ(readFile(count), "1");
 }
 
 }  // namespace

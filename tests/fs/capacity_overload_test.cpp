@@ -21,6 +21,7 @@
 #include "KSPathUtils.h"
 #include "KSProperties.h"
 #include "KSRepositoryHandler.h"
+#include "KSSemaphore.h"
 #include "NightProperties.h"
 #include "ResourceFiles.h"
 #include "ScopedEnv.h"
@@ -212,6 +213,78 @@ TEST_F(Overload, WithNoRoomAnywhereTheRepositorysOldestAreDeletedUntilAMoveIsPos
     EXPECT_LE(handler()->collectNum(), 50000u);
 }
 
+// p1 is filled past its move limit (no resource of its own is old enough to go); p2, the only
+// other mount, is past its full limit, so no mount can take a moved resource. On p2, one block
+// each: `locked` resources b0, b1, ... (400, 399, ... days old) locked by another process,
+// then `free` resources u0, u1, ... (299, 298, ... days old).
+class OverloadNoRoom : public Overload {
+  protected:
+    void makeRepository(int locked, int free) {
+        repo_.addTmpfsMount("p1", kSmall, 2000,
+                            {{"moveLimit", "50"}, {"cleanLimit", "40"}, {"deleteOld", "0"}});
+        repo_.addTmpfsMount("p2", kLarge, 20000, {{"fullLimit", "30"}, {"cleanLimit", "33"}});
+        repo_.writeConfig(
+            {{"isShared", "false"}, {"isClearable", "true"}, {"isClearableMove", "true"}});
+        repo_.tmpfs(0)->fillBlocksTo(60);
+        for (int i = 0; i < locked; ++i) small("b" + std::to_string(i), 400 - i);
+        for (int i = 0; i < free; ++i) small("u" + std::to_string(i), 299 - i);
+        ASSERT_GT(used(1), 30.0);
+        ASSERT_TRUE(handler()->checkRepositoryStatus() & REPOSITORY_CANNOTMOVE);
+        ASSERT_EQ(runInChild([&] {
+                      for (int i = 0; i < locked; ++i)
+                          if (lockResource_(repo_.path().c_str(), ("b" + std::to_string(i)).c_str(),
+                                            nullptr) != 1)
+                              return 1;
+                      return 0;  // the lock files outlive this process
+                  }),
+                  0);
+    }
+    void small(const std::string& name, int daysOld) {
+        setTimes(putResource(repo_.mountPath(1), name, "f", "x"), KSClock::now() - daysOld * kDay);
+    }
+    // Runs the check in a child process, which an alarm ends when the pass would not end by
+    // itself. The paths deleted, in order.
+    std::vector<std::string> checkOverloadThatMustEnd() {
+        const std::string record = tmp_.path("deleted");
+        int code = runInChild([&] {
+            alarm(120);
+            KSClock::setVirtualSleepForTesting(true);  // each refused lock's 30 s pass at once
+            checkOverload();
+            std::ofstream out(record);
+            for (const std::string& path : deleted()) out << path << "\n";
+            return 0;
+        });
+        EXPECT_EQ(code, 0) << "the pass ends";
+        std::vector<std::string> gone;
+        std::ifstream in(record);
+        for (std::string line; std::getline(in, line);) gone.push_back(line);
+        return gone;
+    }
+};
+
+TEST_F(OverloadNoRoom, DeletingGathersAgainPastTheOldestResourcesLockedByAnotherProcess) {
+    makeRepository(101, 250);
+
+    std::vector<std::string> gone = checkOverloadThatMustEnd();
+
+    ASSERT_FALSE(gone.empty()) << "the resources after the locked ones are deleted";
+    ASSERT_LT(gone.size(), 250u);
+    for (size_t i = 0; i < gone.size(); ++i) EXPECT_EQ(gone[i], at(1, "u" + std::to_string(i)));
+    for (int i = 0; i <= 100; ++i) EXPECT_TRUE(entryExists(at(1, "b" + std::to_string(i)))) << i;
+    EXPECT_FALSE(entryExists(at(1, "u" + std::to_string(gone.size() - 1))));
+    EXPECT_TRUE(entryExists(at(1, "u" + std::to_string(gone.size()))));
+    EXPECT_FALSE(handler()->checkRepositoryStatus() & REPOSITORY_CANNOTMOVE);
+}
+
+TEST_F(OverloadNoRoom, DeletingEndsWhenEveryResourceIsLocked) {
+    makeRepository(320, 0);
+
+    EXPECT_TRUE(checkOverloadThatMustEnd().empty());
+
+    for (int i = 0; i < 320; ++i) EXPECT_TRUE(entryExists(at(1, "b" + std::to_string(i)))) << i;
+    EXPECT_TRUE(handler()->checkRepositoryStatus() & REPOSITORY_CANNOTMOVE);
+}
+
 TEST_F(Overload, AResourceTouchedAfterGatheringIsNotDeleted) {
     makeRepository({{"isClearable", "true"}, {"callback", "RepositoryStudyCallback"}},
                    {{"moveLimit", "50"}, {"cleanLimit", "40"}});
@@ -227,6 +300,48 @@ TEST_F(Overload, AResourceTouchedAfterGatheringIsNotDeleted) {
     std::list<std::string> gone = deleted();
     EXPECT_EQ(std::count(gone.begin(), gone.end(), at(0, "r1")), 0);
     EXPECT_FALSE(entryExists(at(0, "r2")));
+}
+
+TEST_F(Overload, ACandidateRemovedBeforeItsMoveIsReportedLikeATouchedOne) {
+    makeRepository({{"isClearable", "true"},
+                    {"isClearableMove", "true"},
+                    {"callback", "RepositoryStudyCallback"}},
+                   {{"moveLimit", "50"}, {"cleanLimit", "40"}, {"deleteOld", "0"}});
+    for (int i = 0; i < 20; ++i) put(0, "r" + std::to_string(i), 40 - i);
+    // The first move's callback removes r1, the next candidate, as a client would.
+    callbackRuns("rm -rf '" + at(0, "r1") + "'");
+    const std::string printed = tmp_.path("stdout");
+
+    int code = runInChild([&] {
+        if (freopen(printed.c_str(), "w", stdout) == nullptr) return 1;
+        checkOverload_(repo_.path().c_str(), true, false, nullptr);
+        return 0;
+    });
+
+    ASSERT_EQ(code, 0);
+    EXPECT_NE(readFile(printed).find("Resource touched while checking: " + at(0, "r1") + "\n"),
+              std::string::npos);
+    EXPECT_FALSE(entryExists(at(1, "r1")));
+    EXPECT_TRUE(entryExists(at(1, "r0")));
+}
+
+TEST_F(Overload, ANegativeMoveTimeInTheMoveStateIsLoggedAsNegativeAndIgnored) {
+    makeRepository({}, {{"moveLimit", "50"}, {"cleanLimit", "40"}});
+    for (int i = 0; i < 10; ++i) put(0, "old" + std::to_string(i), 40 + i);
+    for (int i = 0; i < 10; ++i) put(0, "young" + std::to_string(i), 2 + i);
+    std::shared_ptr<KSRepositoryHandler> repository = handler();
+    repository->initMPHandlers();
+    ScratchRepository::writeProperties(repository->mounts()[0]->lastMoveFile(),
+                                       {{"movetime", "-5"}});
+    SyslogCapture log;
+
+    checkOverload();
+
+    EXPECT_EQ(log.countContaining("movetime is negative: -5"), 1);
+    EXPECT_EQ(log.countContaining("movetime is not an integer"), 0);
+    EXPECT_TRUE(entryExists(at(1, "old0")));
+    for (int i = 0; i < 10; ++i)  // the default move time of 30 days holds
+        EXPECT_TRUE(entryExists(at(0, "young" + std::to_string(i)))) << i;
 }
 
 TEST_F(Overload, ALockedResourceIsReportedAndSkippedNeverDeleted) {
@@ -308,13 +423,79 @@ TEST_F(Overload, SigtermStopsTheRunAfterTheResourceInHandAndLaterRunsAtOnce) {
         if (deleted().size() != 1) return 1;
         checkOverload();
         if (!deleted().empty()) return 2;
-        if (log.countContaining("Checkoverload interrupt signal is 15") != 1) return 3;
+        // Each run that the flag stopped says so once.
+        if (log.countContaining("Checkoverload interrupt signal is 15") != 2) return 3;
         return log.countContaining("checking mount") == 1 ? 0 : 4;
     });
 
     EXPECT_EQ(code, 0);
     EXPECT_FALSE(entryExists(at(0, "r0")));
     for (int i = 1; i < 20; ++i) EXPECT_TRUE(entryExists(at(0, "r" + std::to_string(i))));
+}
+
+// The overfull mount is the last one, so no later mount's check sees the stop flag: the run
+// itself has to report the signal on its way out.
+class OverloadStop : public Overload {
+  protected:
+    void makeRepository(ScratchRepository::Keys keys) {
+        repo_.addTmpfsMount("p1", kLarge, 2000);
+        repo_.addTmpfsMount("p2", kSmall, 2000,
+                            {{"moveLimit", "50"}, {"cleanLimit", "40"}, {"deleteOld", "0"}});
+        keys.emplace_back("isShared", "false");
+        repo_.writeConfig(keys);
+        for (int i = 0; i < 20; ++i) put(1, "r" + std::to_string(i), 40 + i);
+    }
+    // Runs checkOverload on `repository` in a child process that receives SIGTERM right after
+    // the first log line containing `text`. Returns how often the child logged the interrupt
+    // line, or 100 + its exit code when that is not known.
+    int interruptLinesWhenSignalledAt(const std::string& text, const std::string& repository) {
+        const std::string count = tmp_.path("interrupt-lines");
+        int code = runInChild([&] {
+            SyslogCapture log;
+            log.raiseWhenLogged(text, SIGTERM);
+            checkOverload_(repository.c_str(), false, false, nullptr);
+            if (!checkoverloadStopped) return 1;
+            std::ofstream(count) << log.countContaining("Checkoverload interrupt signal is 15");
+            return 0;
+        });
+        if (code != 0) return 100 + code;
+        return atoi(readFile(count).c_str());
+    }
+    int onTarget() {
+        int n = 0;
+        for (int i = 0; i < 20; ++i) n += entryExists(at(0, "r" + std::to_string(i)));
+        return n;
+    }
+};
+
+TEST_F(OverloadStop, ASignalDuringTheMoveWalkOfTheLastMountIsLogged) {
+    makeRepository({});
+    EXPECT_EQ(interruptLinesWhenSignalledAt("CheckOverload moves", repo_.path()), 1);
+    EXPECT_EQ(onTarget(), 1) << "the walk ends after the resource in hand";
+}
+
+TEST_F(OverloadStop, ASignalDuringGatheringIsLogged) {
+    makeRepository({{"isClearable", "true"}, {"isClearableMove", "true"}});
+    EXPECT_EQ(interruptLinesWhenSignalledAt("Getting global oldest resources", repo_.path()), 1);
+    EXPECT_EQ(onTarget(), 0);
+    for (int i = 0; i < 20; ++i) EXPECT_TRUE(entryExists(at(1, "r" + std::to_string(i))));
+}
+
+TEST_F(OverloadStop, ASignalDuringACycleThatMovesIsLogged) {
+    makeRepository({{"isClearable", "true"}, {"isClearableMove", "true"}});
+    EXPECT_EQ(interruptLinesWhenSignalledAt("CheckOverload moves", repo_.path()), 1);
+    EXPECT_EQ(onTarget(), 1);
+}
+
+TEST_F(OverloadStop, ASignalWhileTheRepositoryLockIsRefusedIsLogged) {
+    makeRepository({});
+    std::unique_ptr<char[]> id(toResourceID(repo_.path().c_str(), ""));
+    KSSemaphore holder(id.get());  // another maintenance holds the repository
+    ASSERT_TRUE(holder.lockResource());
+    ClockGuard clock;
+    KSClock::setVirtualSleepForTesting(true);  // the 30 s wait for the lock passes at once
+    EXPECT_EQ(interruptLinesWhenSignalledAt("could not be locked.", repo_.path()), 1);
+    EXPECT_EQ(onTarget(), 0);
 }
 
 TEST_F(Overload, TheTargetMountsMovePluginDoesTheCopying) {
@@ -370,6 +551,33 @@ TEST_F(Overload, FreeMountOfAnUnknownMountChangesNothing) {
     EXPECT_TRUE(entryExists(at(0, "r")));
 }
 
+TEST_F(Overload, FreeMountWithNoOtherMountToTakeResourcesReturnsOneAndKeepsThem) {
+    makeRepository({}, {}, {{"fullLimit", "0"}});  // p2 takes nothing
+    for (int i = 0; i < 3; ++i) put(0, "r" + std::to_string(i), 1);
+    SyslogCapture log;
+
+    EXPECT_EQ(freeMount_(repo_.path().c_str(), repo_.mountPath(0).c_str(), false, nullptr), 1);
+
+    EXPECT_EQ(log.countContaining("Could not find target mount for data moving."), 1);
+    EXPECT_EQ(log.countContaining("Not all resources could be moved"), 1);
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(entryExists(at(0, "r" + std::to_string(i)))) << i;
+}
+
+TEST_F(Overload, FreeMountWhoseRepositoryIsLockedReturnsMinusOneAndMovesNothing) {
+    makeRepository({}, {});
+    put(0, "r", 1);
+    std::unique_ptr<char[]> id(toResourceID(repo_.path().c_str(), ""));
+    KSSemaphore holder(id.get());  // an overload check holds the repository
+    ASSERT_TRUE(holder.lockResource());
+    ClockGuard clock;
+    KSClock::setVirtualSleepForTesting(true);
+
+    EXPECT_EQ(freeMount_(repo_.path().c_str(), repo_.mountPath(0).c_str(), false, nullptr), -1);
+
+    EXPECT_TRUE(entryExists(at(0, "r")));
+    EXPECT_FALSE(entryExists(at(1, "r")));
+}
+
 // A link to nowhere inside a resource copies but never compares equal, so its move fails with
 // the comparison's raw status and leaves the origin in place.
 std::string withBrokenLink(const std::string& location) {
@@ -391,6 +599,23 @@ TEST_F(Overload, FreeMountEndsWhenAResourceCannotBeCopiedAndLeavesItInPlace) {
     EXPECT_EQ(code, 1) << "not all resources could be moved";
     EXPECT_TRUE(entryExists(broken + "/image"));
     EXPECT_FALSE(entryExists(at(1, "broken")));
+    EXPECT_EQ(readFile(at(1, "fine") + "/image"), kContent + "fine");
+}
+
+TEST_F(Overload, FreeMountOfAMountThatWentDeadMeanwhileDoesNotReportFinished) {
+    makeRepository({{"callback", "RepositoryStudyCallback"}}, {});
+    put(0, "fine", 1);
+    const std::string broken = withBrokenLink(put(0, "broken", 1));
+    // The first move's callback takes p1 out of service, as an unmounted disk shows.
+    callbackRuns("mv '" + repo_.mountPath(0) + "/repositorypart.cfg' '" + repo_.mountPath(0) +
+                 "/repositorypart.no' 2>/dev/null");
+    SyslogCapture log;
+
+    EXPECT_EQ(freeMount_(repo_.path().c_str(), repo_.mountPath(0).c_str(), false, nullptr), 1);
+
+    EXPECT_EQ(log.countContaining("Finished."), 0);
+    EXPECT_EQ(log.countContaining("Not all resources could be moved"), 1);
+    EXPECT_TRUE(entryExists(broken + "/image"));
     EXPECT_EQ(readFile(at(1, "fine") + "/image"), kContent + "fine");
 }
 

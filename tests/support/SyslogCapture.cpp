@@ -2,6 +2,9 @@
 // wrapper, which would clash with the definitions below.
 #include "SyslogCapture.h"
 
+#include <signal.h>
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -18,6 +21,8 @@ struct Record {
     int facility = 0;
     int openlogCalls = 0;
     std::vector<SyslogLine> lines;
+    std::string raiseOn;  // raiseWhenLogged: the text and signal of the pending shot
+    int raiseSignal = 0;
 };
 
 // Constructed on first use so that logging from static initialisers finds it ready; never
@@ -32,14 +37,23 @@ void recordMessage(int priority, const char* format, va_list args) {
     char buffer[8192];
     vsnprintf(buffer, sizeof buffer, format, args);
     Record& r = record();
-    std::lock_guard<std::mutex> lock(r.mutex);
-    SyslogLine line;
-    line.ident = r.ident;
-    line.option = r.option;
-    line.facility = (priority & kFacilityMask) != 0 ? (priority & kFacilityMask) : r.facility;
-    line.priority = priority & kLevelMask;
-    line.text = buffer;
-    r.lines.push_back(std::move(line));
+    int raise = 0;
+    {
+        std::lock_guard<std::mutex> lock(r.mutex);
+        SyslogLine line;
+        line.ident = r.ident;
+        line.option = r.option;
+        line.facility = (priority & kFacilityMask) != 0 ? (priority & kFacilityMask) : r.facility;
+        line.priority = priority & kLevelMask;
+        line.text = buffer;
+        if (r.raiseSignal != 0 && line.text.find(r.raiseOn) != std::string::npos) {
+            raise = r.raiseSignal;
+            r.raiseSignal = 0;
+        }
+        r.lines.push_back(std::move(line));
+    }
+    // Outside the lock: the signal's handler may log itself.
+    if (raise != 0) kill(getpid(), raise);
 }
 
 }  // namespace
@@ -98,6 +112,7 @@ void SyslogCapture::clear() {
     std::lock_guard<std::mutex> lock(r.mutex);
     r.lines.clear();
     r.openlogCalls = 0;
+    r.raiseSignal = 0;
 }
 
 std::vector<SyslogLine> SyslogCapture::lines() const {
@@ -123,6 +138,13 @@ int SyslogCapture::countContaining(const std::string& text) const {
     for (const SyslogLine& line : lines())
         if (line.text.find(text) != std::string::npos) ++n;
     return n;
+}
+
+void SyslogCapture::raiseWhenLogged(const std::string& text, int signal) {
+    Record& r = record();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.raiseOn = text;
+    r.raiseSignal = signal;
 }
 
 int SyslogCapture::openlogCount() const {

@@ -22,7 +22,7 @@ struct SyslogLine {
 
 class SyslogCapture {
   public:
-    // Clears the record (lines and openlog count).
+    // Clears the record (lines, openlog count and a pending raiseWhenLogged).
     SyslogCapture();
 
     SyslogCapture(const SyslogCapture&) = delete;
@@ -37,6 +37,10 @@ class SyslogCapture {
     int countContaining(const std::string& text) const;
     // openlog calls since the last clear.
     int openlogCount() const;
+    // Sends `signal` to this process (a real kill(getpid(), signal)) right after the next
+    // message containing `text` is recorded, in the thread that logged it and before its
+    // syslog call returns; once. Lets a test deliver a signal at a chosen step of the code.
+    void raiseWhenLogged(const std::string& text, int signal);
 
     void clear();
 };

@@ -90,11 +90,14 @@ CandidateMoveResult moveCandidate(KSRepositoryHandler& repository, const Candida
                                   const ResourceEntry& entry, KSMountPointHandler& target) {
     KSTimedLock lock(repository.settings().isShared, repository.path(), entry.name, how.connection);
     if (!lock.acquire(how.verbose)) return CandidateMoveResult::Refused;
-    if (!exists(entry.path.c_str())) return CandidateMoveResult::Vanished;
-    if (how.checkTime && lastAccess(entry.path.c_str(), nullptr) != entry.time) {
+    // A resource removed since it was gathered has changed as much as a touched one, and the
+    // maintenance reports it the same way.
+    const bool vanished = !exists(entry.path.c_str());
+    if (how.checkTime && (vanished || lastAccess(entry.path.c_str(), nullptr) != entry.time)) {
         if (how.verbose) printf("Resource touched while checking: %s\n", entry.path.c_str());
-        return CandidateMoveResult::Touched;
+        return vanished ? CandidateMoveResult::Vanished : CandidateMoveResult::Touched;
     }
+    if (vanished) return CandidateMoveResult::Vanished;
     KSDirtyFlagHandler& dirty = repository.dirtyFlags();
     bool wasDirty = dirty.isDirty(how.connection, entry.name.c_str(), false);
     if (wasDirty && how.skipDirty) return CandidateMoveResult::Touched;

@@ -263,8 +263,11 @@ public:
     // One maintenance pass over the mounts in configuration order, under the repository lock
     // (`verbose`: progress on standard output; `night`: night-managed mounts' limits are
     // lowered first, in memory). So that a pass always ends, a cleaning cycle that neither
-    // deleted nor moved anything ends its mount, and deleting for room stops once a whole
-    // candidate set was in use or locked (gathering again would meet the same resources).
+    // deleted nor moved anything ends its mount, and deleting for room (while no mount can
+    // take a moved resource) tries each resource once: it gathers again with a recalculated
+    // collect number until it has deleted enough, or a gathering at the largest collect number
+    // (50000) offers no resource it has not tried yet. A run that ends with the stop flag set
+    // logs "Checkoverload interrupt signal is %d" once, whatever way it ends.
     void checkOverload(kelp::db::DBConnector* connection, bool verbose, bool night);
     int getGlobalOldestResources(kelp::db::DBConnector* connection, ResourceSet& result,
                                  KSNomoveHandler* nomove, unsigned collectNum, bool deleteOld,
@@ -274,10 +277,13 @@ public:
     int moveResourcesNew(kelp::db::DBConnector* connection, KSMountPointHandler* mount);
     int deleteResourcesFromMount(kelp::db::DBConnector* connection, KSMountPointHandler* mount,
                                  KSNomoveHandler* nomove, unsigned maxCount);
-    // Empties the mount whose path is `mount`; `verbose` also prints progress. 0 when nothing
-    // is left on it, 1 when some resources could not be moved (each is tried once per call),
-    // -1 for an unknown or unmounted mount, when the repository lock is refused or when no
-    // other mount can take anything.
+    // Empties the mount whose path is `mount`; `verbose` also prints progress. Returns
+    //   0  the mount holds no resource any more ("Finished.");
+    //   1  resources were left on it: one could not be moved (each is tried once per call), no
+    //      other mount could take more, the run was stopped by a signal, or the mount went dead
+    //      meanwhile ("Not all resources could be moved");
+    //  -1  the emptying did not begin: the mount is unknown or unmounted, or the repository
+    //      lock was refused. Nothing was moved.
     int moveAllResourcesFromMount(kelp::db::DBConnector* connection, const char* mount,
                                   bool verbose);
     // Moves the resource onto the last usable fast mount; its new location (new[]), or null
@@ -374,6 +380,6 @@ unsigned parseNatInt(const char* text);
 // Set by signal_handler (SIGTERM, SIGABRT during an overload check); never cleared.
 extern volatile sig_atomic_t checkoverloadStopped;
 // Only records the signal and sets the flag (syslog is not async-signal-safe): the line
-// "Checkoverload interrupt signal is %d" is logged by the overload check when it first sees
-// the flag, once per process.
+// "Checkoverload interrupt signal is %d" is logged by the overload check instead, once by
+// every run that the flag stops (later runs in the process included).
 void signal_handler(int signal);

@@ -29,12 +29,24 @@ void say(bool verbose, const std::string& text) {
     if (verbose) puts(text.c_str());
 }
 
-bool parseDays(const char* text, long* days) {
+// Reads the "movetime" of the move state: a whole number of days whose seconds fit the move
+// time. Anything else is logged as what it is and leaves the default.
+bool parseMoveTimeDays(const char* text, long* days) {
     errno = 0;
     char* end = nullptr;
     long value = strtol(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || value < 0) return false;
-    if (value > static_cast<long>(UINT32_MAX / kSecondsPerDay)) return false;  // seconds overflow
+    if (end == text || *end != '\0') {
+        rh_logger.errorLog("movetime is not an integer: %s", text);
+        return false;
+    }
+    if (value < 0) {
+        rh_logger.errorLog("movetime is negative: %s", text);
+        return false;
+    }
+    if (errno != 0 || value > static_cast<long>(UINT32_MAX / kSecondsPerDay)) {
+        rh_logger.errorLog("movetime is too large: %s", text);
+        return false;
+    }
     *days = value;
     return true;
 }
@@ -148,10 +160,7 @@ int KSRepositoryHandler::moveResourcesNew(kelp::db::DBConnector* connection,
     }
     if (const char* text = state.properties().getProperty("movetime")) {
         long days = 0;
-        if (parseDays(text, &days))
-            moveTime = static_cast<unsigned>(days * kSecondsPerDay);
-        else
-            rh_logger.errorLog("movetime is not an integer: %s", text);
+        if (parseMoveTimeDays(text, &days)) moveTime = static_cast<unsigned>(days * kSecondsPerDay);
     }
     if (settings_.nomoveTime > moveTime) {
         rh_logger.infoLog(
@@ -226,10 +235,12 @@ void settleEmptyingMove(CandidateMoveResult result, const ResourceEntry& entry,
     }
 }
 
+// "Finished." only when the mount is known to hold no resource: a mount that went dead
+// meanwhile cannot be looked at, so its resources count as left behind.
 int finishEmptying(KSMountPointHandler& source, kelp::db::DBConnector* connection, bool verbose) {
     ResourceSet left;
     uint32_t remaining = source.getRandomResources(connection, left, nullptr, 1);
-    if (checkoverloadStopped || (remaining != 0 && remaining != kStopped)) {
+    if (checkoverloadStopped || remaining != 0) {
         report(verbose, true, "Not all resources could be moved");
         return 1;
     }
@@ -281,7 +292,7 @@ int KSRepositoryHandler::moveAllResourcesFromMount(kelp::db::DBConnector* connec
             int targetIndex = getActualMountPointForMove(source, verbose);
             if (targetIndex < 0 || targetIndex >= static_cast<int>(mounts_.size())) {
                 report(verbose, true, "Could not find target mount for data moving.");
-                return -1;
+                return finishEmptying(*source, connection, verbose);
             }
             settleEmptyingMove(moveCandidate(*this, how, entry, *mounts_[targetIndex]), entry,
                                nomove, verbose);

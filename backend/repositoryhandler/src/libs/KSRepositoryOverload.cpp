@@ -2,11 +2,11 @@
 // repositories) or moving its oldest resources, with the night mode that lowers the limits.
 
 #include <algorithm>
-#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "KSCandidateMove.h"
@@ -26,10 +26,10 @@ volatile sig_atomic_t checkoverloadStopped = 0;
 namespace {
 
 volatile sig_atomic_t caughtSignal = 0;
-std::atomic<bool> stopReported{false};
 
 constexpr unsigned kFirstCollectNum = 100;
 constexpr unsigned kDeleteOnlyMaxCount = 50000;
+constexpr unsigned kLargestCollectNum = 50000;  // the bound of recalculateCollectNum
 constexpr time_t kEightDays = 691200;
 constexpr uint32_t kStopped = 0xFFFFFFFFu;
 
@@ -40,7 +40,8 @@ void say(bool verbose, const char* text) {
 }  // namespace
 
 // Only async-signal-safe work here: syslog takes a lock that the interrupted thread may hold,
-// so the line naming the signal is written by the driver when it sees the flag (stopped()).
+// so the line naming the signal is written by the run when it sees the flag (stopped()), and
+// at the latest on its way out (run()).
 void signal_handler(int signal) {
     caughtSignal = signal;
     checkoverloadStopped = 1;
@@ -54,6 +55,7 @@ class KSOverloadRun {
                   bool night)
         : repo_(repository), connection_(connection), verbose_(verbose), night_(night) {}
 
+    // Runs the pass; every run that ends with the stop flag set logs the interrupt line once.
     void run();
     int deleteOnly(KSMountPointHandler& mount, KSNomoveHandler* nomove, unsigned maxCount);
 
@@ -61,7 +63,9 @@ class KSOverloadRun {
     enum class Deletion { Deleted, Failed, Refused, Touched };
     enum class CycleEnd { MountDone, MovedNothing, Moved };
 
+    // True once a stop signal was caught; the first call of a run that sees it logs the line.
     bool stopped();
+    void runSteps();
     bool cannotMove() const { return repo_.repositoryStatus() & REPOSITORY_CANNOTMOVE; }
     void installStopHandlers();
     void restoreDefaultHandlers();
@@ -72,6 +76,8 @@ class KSOverloadRun {
     CycleEnd runCycle(KSMountPointHandler& mount, int index, bool deleteOld);
     bool deleteOldPass(KSMountPointHandler& mount, ResourceSet& global, const ResourceSet& own);
     bool deleteForRoom(KSMountPointHandler& mount, ResourceSet& global);
+    bool gatherUntried(KSMountPointHandler& mount, ResourceSet& global,
+                       const std::set<std::string>& tried);
     Deletion deleteCandidate(const ResourceEntry& entry, KSMountPointHandler& mount,
                              bool oldEnough);
     void logCleanEnough();
@@ -82,12 +88,15 @@ class KSOverloadRun {
     bool night_;
     KSNomoveHandler nomove_;
     int changes_ = 0;  // deletions and moves of the current cycle
+    bool stopReported_ = false;
 };
 
 bool KSOverloadRun::stopped() {
     if (!checkoverloadStopped) return false;
-    if (!stopReported.exchange(true))
+    if (!stopReported_) {
+        stopReported_ = true;
         rh_logger.infoLog("Checkoverload interrupt signal is %d", static_cast<int>(caughtSignal));
+    }
     return true;
 }
 
@@ -101,7 +110,19 @@ void KSOverloadRun::restoreDefaultHandlers() {
     signal(SIGABRT, SIG_DFL);
 }
 
+// The steps poll the flag only where they can stop; a signal caught after the last poll (on the
+// last mount, while gathering, during a move, in a repository without mounts) is reported here.
 void KSOverloadRun::run() {
+    try {
+        runSteps();
+    } catch (...) {
+        stopped();
+        throw;
+    }
+    stopped();
+}
+
+void KSOverloadRun::runSteps() {
     const std::string& name = repo_.path();
     rh_logger.infoLog("Checkoverload checks repository %s\n", name.c_str());
     installStopHandlers();
@@ -204,7 +225,7 @@ double KSOverloadRun::cleanMount(KSMountPointHandler& mount, int index) {
         if (!cannotMove()) repo_.moveResourcesNew(connection_, &mount);
     } else if (!settings.isClearableMove) {
         rh_logger.infoLog("Isclearable, but no move\n");
-        repo_.deleteResourcesFromMount(connection_, &mount, &nomove_, kDeleteOnlyMaxCount);
+        deleteOnly(mount, &nomove_, kDeleteOnlyMaxCount);
     } else {
         cleanClearableMount(mount, index);
     }
@@ -291,19 +312,36 @@ bool KSOverloadRun::deleteOldPass(KSMountPointHandler& mount, ResourceSet& globa
     return true;
 }
 
-// Deletes the repository's oldest resources while no mount can take a moved one. Returns
-// false when the cycle has to end as one that moved nothing.
+// Deletes the repository's oldest resources while no mount can take a moved one, gathering
+// again with a recalculated collect number whenever a set is used up. Returns false when the
+// cycle has to end as one that moved nothing.
+//
+// Each resource is tried at most once here: one that was locked or in use is not waited for
+// again (a refused lock costs 30 seconds). So the loop always ends: every round tries a path
+// not tried before or multiplies the collect number by ten, the old resources are finitely
+// many (a new one is younger than nomoveTime and never gathered), and a gathering at the
+// largest collect number that offers nothing untried ends it.
 bool KSOverloadRun::deleteForRoom(KSMountPointHandler& mount, ResourceSet& global) {
+    std::set<std::string> tried;
     while (cannotMove() && !global.empty()) {
         mount.setUsedAtCycleStart(mount.getUsedPercentage());
-        int deleted = 0;
         for (const ResourceEntry& entry : global) {
-            Deletion done = deleteCandidate(entry, mount, false);
-            if (done == Deletion::Deleted || done == Deletion::Failed) ++deleted;
+            if (!tried.insert(entry.path).second) continue;
+            deleteCandidate(entry, mount, false);
             if (stopped()) return false;
             if (!cannotMove()) return true;
         }
-        if (deleted == 0) return false;  // all in use: gathering again would find them again
+        if (!gatherUntried(mount, global, tried)) return false;
+    }
+    return true;
+}
+
+// Gathers the next set for deleteForRoom: one that holds a resource not tried yet. A set of
+// tried resources only counts as a round that freed nothing (the collect number grows ten
+// times). false when there is nothing more to try or the run was stopped.
+bool KSOverloadRun::gatherUntried(KSMountPointHandler& mount, ResourceSet& global,
+                                  const std::set<std::string>& tried) {
+    for (;;) {
         repo_.collectNum_ = mount.recalculateCollectNum(repo_.collectNum_);
         global.clear();
         if (repo_.getGlobalOldestResources(connection_, global, &nomove_, repo_.collectNum_, false,
@@ -312,8 +350,14 @@ bool KSOverloadRun::deleteForRoom(KSMountPointHandler& mount, ResourceSet& globa
             return false;
         }
         if (stopped()) return false;
+        for (const ResourceEntry& entry : global)
+            if (tried.count(entry.path) == 0) return true;
+        if (repo_.collectNum_ >= kLargestCollectNum) {
+            say(verbose_, "No other resources found to be deleted...");
+            return false;
+        }
+        mount.setUsedAtCycleStart(mount.usedPercentage());
     }
-    return true;
 }
 
 KSOverloadRun::Deletion KSOverloadRun::deleteCandidate(const ResourceEntry& entry,

@@ -79,6 +79,10 @@ RH_EXPORT void rndMount_(const char* repository, DBConnector* db);
 RH_EXPORT int MountUnmount_(const char* repository, int mountIndex, bool mount, DBConnector* db);
 RH_EXPORT int giveBackMounts_(const char* repository, DBConnector* db);
 RH_EXPORT void checkOverload_(const char* repository, bool verbose, bool night, DBConnector* db);
+// Moves every resource off `mount` (`flag`: verbose). 0 when nothing is left on it, 1 when
+// resources stayed (not movable, no mount left to take them, stopped, or the mount went dead
+// meanwhile), -1 when the emptying could not begin (unknown or dead mount, repository lock
+// refused).
 RH_EXPORT int freeMount_(const char* repository, const char* mount, bool flag, DBConnector* db);
 // 1 when the resource was found and *times (access, modification) filled, else 0 (unchanged).
 RH_EXPORT int getTimeProperties_(const char* repository, const char* resource,
