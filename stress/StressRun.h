@@ -19,6 +19,8 @@ struct Options {
     int points = 200;
     std::string restartDb;  // shell command that stops and starts the database server
     std::string lockRows;   // shell command that prints the number of rows in the lock table
+    // Kinds of killed work whose figures do not decide the exit status (faults known open).
+    std::set<std::string> tolerate;
 };
 
 // Figures in print order; the names in `invariants` must all be 0.
@@ -33,6 +35,9 @@ struct Figures {
 
 Figures runLoad(const Options& options);
 Figures runKills(const Options& options);
+// Whether `key` names a kind of killed work (moves, filling-moves, merges, legacy-take-overs,
+// emptying, dirty-writes).
+bool isKillWork(const std::string& key);
 
 // The mounts of one run: the repository directory on ramfs (coarse time stamps) and its
 // mounts p1..pN on tmpfs of the given sizes in KiB. Unmounted by the destructor.
