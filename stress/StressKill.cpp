@@ -344,14 +344,15 @@ Totals killDuring(Scene& scene, Work work, int perKind, std::mt19937& random) {
         verify(scene, work, reported, true, totals);
         if (totals.lost != before.lost || totals.corrupt != before.corrupt ||
             totals.legacyLeft != before.legacyLeft || totals.duplicates != before.duplicates ||
-            totals.lostMarks != before.lostMarks) {
+            totals.lostMarks != before.lostMarks || totals.conflicts != before.conflicts) {
             fprintf(stderr,
                     "kill during %s after %lld us of %lld us: lost %lld, corrupt %lld, "
-                    "duplicates %lld, lost marks %lld, legacy left %lld\n",
+                    "duplicates %lld, lost marks %lld, legacy left %lld, conflicts %lld\n",
                     nameOf(work), static_cast<long long>(delay.count()),
                     static_cast<long long>(full.count()), totals.lost - before.lost,
                     totals.corrupt - before.corrupt, totals.duplicates - before.duplicates,
-                    totals.lostMarks - before.lostMarks, totals.legacyLeft - before.legacyLeft);
+                    totals.lostMarks - before.lostMarks, totals.legacyLeft - before.legacyLeft,
+                    totals.conflicts - before.conflicts);
         }
     }
     return totals;

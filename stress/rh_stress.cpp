@@ -2,12 +2,13 @@
 // by reading the mounts, the dirty file and the lock directory itself.
 //
 //   rh_stress load --base DIR [--shared] [--workers N] [--seconds S] [--names K]
-//                  [--restart-db COMMAND] [--lock-rows COMMAND]
+//                  [--restart-db COMMAND] [--lock-rows COMMAND] [--tolerate FIGURE]...
 //   rh_stress kill --base DIR [--points N] [--tolerate KIND]...
 //
 // --tolerate names a kind of killed work (moves, filling-moves, merges, legacy-take-overs,
-// emptying, dirty-writes) whose figures are printed apart and do not decide the exit status:
-// for a fault that is known and still open.
+// emptying, dirty-writes) whose figures are printed apart, or a figure of the load
+// ("lost-marks", "leftover-locks") that is printed but does not decide the exit status: for a
+// fault that is known and still open.
 //
 // Needs root (it mounts tmpfs and ramfs below DIR and unmounts them at the end). Prints one
 // "name: value" line per figure on standard output; the exit status is 0 when every invariant
@@ -42,6 +43,14 @@
 
 using namespace stress;
 
+namespace {
+
+bool isToleratedName(const std::string& key) {
+    return isKillWork(key) || key == "lost-marks" || key == "leftover-locks";
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
     if (argc < 2) {
         fprintf(stderr, "usage: %s load|kill --base DIR [options]\n", argv[0]);
@@ -70,7 +79,7 @@ int main(int argc, char** argv) {
             options.restartDb = next();
         else if (arg == "--lock-rows")
             options.lockRows = next();
-        else if (arg == "--tolerate" && isKillWork(argv[i + 1 < argc ? i + 1 : i]))
+        else if (arg == "--tolerate" && isToleratedName(argv[i + 1 < argc ? i + 1 : i]))
             options.tolerate.insert(next());
         else {
             fprintf(stderr, "unknown option %s\n", arg.c_str());
