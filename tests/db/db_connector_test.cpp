@@ -93,6 +93,9 @@ class DbConnector : public ::testing::Test {
     SyslogCapture log;
 };
 
+// The cases where several threads share one connector; they also run under ThreadSanitizer.
+class DbConnectorConcurrency : public DbConnector {};
+
 }  // namespace
 
 TEST_F(DbConnector, deadlockNineteenTimesThenSuccessReturnsNormally) {
@@ -227,7 +230,7 @@ TEST_F(DbConnector, environmentErrorsSurfaceAtFirstFacetRequest) {
     EXPECT_THROW(delete connector->createRawQuery(), DBException);
 }
 
-TEST_F(DbConnector, eachThreadPreparesAStatementOnceAndForThreadHasItsOwnConnection) {
+TEST_F(DbConnectorConcurrency, eachThreadPreparesAStatementOnceAndForThreadHasItsOwnConnection) {
     auto connector = makeConnector();
     LockDB* locks = connector->lockDB();
     std::string lockId = uniqueName("once");
@@ -246,7 +249,7 @@ TEST_F(DbConnector, eachThreadPreparesAStatementOnceAndForThreadHasItsOwnConnect
     EXPECT_NE(static_cast<void*>(own->lockDB()), static_cast<void*>(locks));
 }
 
-TEST_F(DbConnector, seventeenthThreadEvictsTheLeastRecentlyUsedCache) {
+TEST_F(DbConnectorConcurrency, seventeenthThreadEvictsTheLeastRecentlyUsedCache) {
     auto connector = makeConnector();
     auto* locks = static_cast<LockDBSql*>(connector->lockDB());
     std::vector<std::unique_ptr<DbWorker>> workers;
@@ -266,7 +269,7 @@ TEST_F(DbConnector, seventeenthThreadEvictsTheLeastRecentlyUsedCache) {
     EXPECT_EQ(start + 19, preparesOnConnection(*connector)) << "the second thread was next";
 }
 
-TEST_F(DbConnector, reconnectDropsTheCachesOfEveryThread) {
+TEST_F(DbConnectorConcurrency, reconnectDropsTheCachesOfEveryThread) {
     auto connector = makeConnector();
     LockDB* locks = connector->lockDB();
     DbWorker first, second;
@@ -281,7 +284,7 @@ TEST_F(DbConnector, reconnectDropsTheCachesOfEveryThread) {
     EXPECT_EQ(2, preparesOnConnection(*connector));
 }
 
-TEST_F(DbConnector, moreThreadsThanCacheEntriesShareOneConnectorSafely) {
+TEST_F(DbConnectorConcurrency, moreThreadsThanCacheEntriesShareOneConnectorSafely) {
     auto connector = makeConnector();
     LockDB* locks = connector->lockDB();
     std::string prefix = uniqueName("shared");

@@ -12,7 +12,7 @@
 #include "ScopedEnv.h"
 #include "ScratchRepository.h"
 
-TEST(RepositoryConnectorTest, aSharedRepositoryOpensOneWorkingConnectorOfItsOwnOnFirstNeed) {
+TEST(RepositoryConnectorConcurrency, aSharedRepositoryOpensOneWorkingConnectorOfItsOwnOnFirstNeed) {
     RH_REQUIRE_DB();
     ScopedEnv lockTable("NVLOCKTBL", "NVLOCK");
     ScratchRepository repo;

@@ -267,7 +267,7 @@ TEST(RepositoryRegistryTest, touchingOnlyAnExtraConfigFileDoesNotReload) {
     EXPECT_EQ(first->settings().remindLimit, 20.0);
 }
 
-TEST(RepositoryRegistryTest, concurrentCallersAllGetTheSameHandler) {
+TEST(RepositoryRegistryConcurrency, concurrentCallersAllGetTheSameHandler) {
     ScratchRepository repo;
     repo.writeConfig({{"isShared", "false"}});
     std::mutex mutex;
@@ -286,7 +286,7 @@ TEST(RepositoryRegistryTest, concurrentCallersAllGetTheSameHandler) {
     EXPECT_EQ(seen.size(), 1u);
 }
 
-TEST(RepositoryHandlerTest, parallelRunVisitsEveryMountOnceWithAtMostTheGivenThreads) {
+TEST(RepositoryHandlerConcurrency, parallelRunVisitsEveryMountOnceWithAtMostTheGivenThreads) {
     ScratchRepository repo;
     auto handler = loadWith(repo, {{"mountPoints", "a\\b\\c\\d\\e"}, {"isShared", "false"}});
     for (int threads : {0, 1, 3, 64}) {
@@ -308,7 +308,7 @@ TEST(RepositoryHandlerTest, parallelRunVisitsEveryMountOnceWithAtMostTheGivenThr
     }
 }
 
-TEST(RepositoryHandlerTest, threadsAskingAFreshRepositoryAllSeeItsMountsSetUp) {
+TEST(RepositoryHandlerConcurrency, threadsAskingAFreshRepositoryAllSeeItsMountsSetUp) {
     ScratchRepository repo;
     for (int i = 0; i < 6; ++i) repo.addMount("p" + std::to_string(i), {{"type", "fast"}});
     repo.writeConfig({{"isShared", "false"}, {"numThreads", "3"}});
