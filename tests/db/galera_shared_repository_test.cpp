@@ -1,7 +1,8 @@
 // Several servers share one repository of real tmpfs mounts and lock it through the lock table
 // of the Galera cluster: four processes, each with its own connector, two through HAProxy and
 // two bound to nodes 2 and 3, create, look up (merging duplicates), remove, lock explicitly and
-// mark resources dirty while one of them runs the maintenance. Then the same with node 1, the
+// mark resources dirty while one of them runs the maintenance, which moves the old resources off
+// the small first mount (past its move limit from the start). Then the same with node 1, the
 // node behind HAProxy and so behind most connections, killed with SIGKILL in the middle of the
 // run and started again later.
 //
@@ -40,8 +41,10 @@
 #include "DBConnector.h"
 #include "DbTestEnv.h"
 #include "GaleraCluster.h"
+#include "KSClock.h"
 #include "KSPathUtils.h"
 #include "ResourceFiles.h"
+#include "ScopedEnv.h"
 #include "ScratchRepository.h"
 #include "SyslogCapture.h"
 #include "TempTree.h"
@@ -313,15 +316,22 @@ class GaleraSharedRepository : public ::testing::Test {
   protected:
     void SetUp() override {
         RH_REQUIRE_GALERA(cluster_);
-        repo_.addTmpfsMount("p1", 4096 * 1024, 2000);
+        // The first mount is small and past its move limit from the start, so the maintenance
+        // moves the old resources away from it while the servers work on them.
+        repo_.addTmpfsMount("p1", 256 * 4096, 2000, {{"moveLimit", "1"}, {"cleanLimit", "0.5"}});
         repo_.addTmpfsMount("p2", 4096 * 1024, 2000);
         repo_.writeConfig({{"isShared", "true"}});
         markers_ = tree_.mkdir("markers");
-        // The kept resources exist before the servers start, on the first mount.
+        // The administrators' message command, run when the maintenance moves young resources.
+        const std::string message = var_.root() + "/sendmessage.sh";
+        std::ofstream(message) << "#!/bin/sh\nexit 0\n";
+        ASSERT_EQ(0, chmod(message.c_str(), 0755));
+        // The kept resources exist before the servers start, on the first mount, 40 days old.
         for (const std::string& name : kKept) {
             const std::string location =
                 putResource(repo_.mountPath(0), name, "payload", payloadOf(name));
             ASSERT_FALSE(location.empty());
+            setTimes(location, KSClock::now() - 40 * 86400);
         }
     }
     void TearDown() override {
@@ -417,8 +427,12 @@ class GaleraSharedRepository : public ::testing::Test {
     }
 
     GaleraCluster cluster_;
+    TempTree tree_, var_;
+    // The maintenance keeps its move state and statistics under VAR and TMP.
+    ScopedEnv varEnv_{"VAR", var_.root().c_str()};
+    ScopedEnv tmpEnv_{"TMP", var_.root().c_str()};
+    ScopedEnv adminEnv_{"KSADMIN_HOME", var_.root().c_str()};
     ScratchRepository repo_;
-    TempTree tree_;
     std::string markers_;
 };
 
