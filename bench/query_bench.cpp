@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -308,9 +309,16 @@ class RealTimeRatioReporter : public benchmark::ConsoleReporter {
   public:
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
+        // With --benchmark_repetitions the median of the repetitions stands for the benchmark.
         for (const Run& run : runs) {
-            if (run.run_type != Run::RT_Iteration || run.iterations == 0) continue;
-            times_[run.benchmark_name()] = {run.GetAdjustedRealTime(), run.report_label};
+            const std::string name = run.run_name.str();
+            if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
+                times_[name] = {run.GetAdjustedRealTime(), run.report_label};
+                medians_.insert(name);
+            } else if (run.run_type == Run::RT_Iteration && run.iterations > 0 &&
+                       !medians_.count(name)) {
+                times_[name] = {run.GetAdjustedRealTime(), run.report_label};
+            }
         }
     }
     void Finalize() override {
@@ -327,6 +335,7 @@ class RealTimeRatioReporter : public benchmark::ConsoleReporter {
 
   private:
     std::map<std::string, std::pair<double, std::string>> times_;
+    std::set<std::string> medians_;
 };
 
 }  // namespace
