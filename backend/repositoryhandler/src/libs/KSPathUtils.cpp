@@ -481,7 +481,7 @@ void touchHashedDirs(const char* path) {
         const size_t slash = current.rfind('/');
         if (slash == std::string::npos) return;
         current.resize(slash);
-        if (!exists(current.c_str())) continue;
+        // A level that does not exist (any more) simply fails, as a test beforehand would.
         if (level == 0) {
             const struct timespec times[2] = {{0, UTIME_OMIT}, {0, UTIME_NOW}};
             utimensat(AT_FDCWD, current.c_str(), times, 0);
@@ -542,10 +542,9 @@ bool reservationRuns(const struct stat& st) {
     return st.st_atim.tv_sec > KSClock::now();
 }
 
-// Sets or extends the reservation of `level` for `name`. Called under the mount's lock.
-void reserveLevel(const std::string& level, const std::string& name) {
-    struct stat st;
-    if (::stat(level.c_str(), &st) != 0) return;
+// Sets or extends the reservation of `level` (whose status is `st`) for `name`. Called under
+// the mount's lock.
+void reserveLevel(const std::string& level, const struct stat& st, const std::string& name) {
     struct timespec times[2] = {{KSClock::now() + kReservationSeconds, reservationTag(name)},
                                 {0, UTIME_OMIT}};
     if (reservationRuns(st)) {
@@ -592,18 +591,38 @@ void removeEmptyLevels(const std::string& mount, std::string level, int count,
 
 }  // namespace
 
+namespace {
+
+// The mount exists (its caller found it alive), so only the levels below it are made, each with
+// one mkdir: EEXIST means another creator made it, which is all that is needed. A mount that is
+// gone meanwhile fails with ENOENT instead of being made again as a plain directory.
+bool makeLevelsBelow(const std::string& mount, const std::string& levels) {
+    const std::string top = mount + "/";
+    if (levels.compare(0, top.size(), top) != 0) return mkdirs(levels.c_str(), 0755) == 0;
+    for (size_t slash = levels.find('/', top.size()); slash != std::string::npos;
+         slash = levels.find('/', slash + 1)) {
+        if (::mkdir(levels.substr(0, slash).c_str(), 0755) != 0 && errno != EEXIST) return false;
+    }
+    if (levels.back() != '/' && ::mkdir(levels.c_str(), 0755) != 0 && errno != EEXIST) {
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 bool prepareHashLevels(const std::string& mount, const std::string& levels, const char* name) {
     std::string last = levels;
     while (last.size() > 1 && last.back() == '/') last.pop_back();
     KSHashLevelLock lock(mount);
-    if (mkdirs(levels.c_str(), 0755) != 0) return false;
+    if (!makeLevelsBelow(mount, levels)) return false;
     struct stat st;
     if (::stat(last.c_str(), &st) != 0) return false;
     if (!S_ISDIR(st.st_mode)) {
         errno = ENOTDIR;
         return false;
     }
-    reserveLevel(last, name == nullptr ? "" : name);
+    reserveLevel(last, st, name == nullptr ? "" : name);
     return true;
 }
 
