@@ -10,6 +10,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.attribute.FileTime;
+import java.nio.file.StandardOpenOption;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.concurrent.ExecutorService;
@@ -137,6 +138,12 @@ class RepositoryHandlerBaseTest {
     @DisplayName("repository status is 0 for a healthy repository and 256 for a missing one")
     void repositoryStatus() throws Exception {
         ScratchRepository repo = ScratchRepository.create(dir);
+        // The mounts are plain folders on the machine's own disk: limits no disk reaches keep
+        // the answer independent of how full that disk happens to be.
+        Files.writeString(dir.resolve("repository.cfg"),
+                "remindLimit=0\nwarnLimit=0\nwarn2Limit=0\nwarn3Limit=0\nswitchLimit=101\n"
+                        + "fullLimit=101\ncleanLimit=101\nmoveLimit=101\nhardFullLimit=101\n",
+                StandardOpenOption.APPEND);
         assertEquals(0, handler.getRepositoryStatusNative(repo.path(), 0));
         assertEquals(256, handler.getRepositoryStatusNative(dir.resolve("gone").toString(), 0));
     }
