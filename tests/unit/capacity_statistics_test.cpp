@@ -5,7 +5,9 @@
 #include <utime.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -179,6 +181,35 @@ TEST_F(MaintenanceWarnings,
     handler_->writeCalcData(true, mount, used + 3.0);  // 3 points freed
     EXPECT_NEAR(recorded(), 1.0, 0.5);
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "") << "logged, never printed";
+}
+
+// Other processes read the statistics while the maintenance writes them: the file is replaced
+// by a complete new one, never rewritten in place, so a reader that opened the old version
+// reads it whole and nothing but the file itself is left in VAR.
+TEST_F(MaintenanceWarnings, StatisticsAreReplacedWholeWhileAReaderHoldsTheOldVersion) {
+    TempTree var;
+    ScopedEnv varEnv("VAR", var.root().c_str());
+    KSMountPointHandler* mount = handler_->mounts()[0].get();
+    const std::string file = NightProperties::statisticsFile(mount->path());
+    const std::string old = day(3) + "=\"1.5\"\n";
+    { std::ofstream(file) << old; }
+    std::ifstream reader(file);
+
+    ::testing::internal::CaptureStdout();
+    handler_->writeCalcData(true, mount, mount->getUsedPercentage() + 3.0);
+    ::testing::internal::GetCapturedStdout();
+    std::stringstream held;
+    held << reader.rdbuf();
+    EXPECT_EQ(held.str(), old) << "the version the reader opened stays whole";
+    KSProperties now;
+    ASSERT_TRUE(now.load(file.c_str()));
+    EXPECT_EQ(now.size(), 2u);
+    EXPECT_NE(now.getProperty(day(0).c_str()), nullptr);
+    int files = 0;
+    for (auto it = std::filesystem::directory_iterator(var.root());
+         it != std::filesystem::directory_iterator(); ++it)
+        ++files;
+    EXPECT_EQ(files, 1) << "no temporary file stays beside it";
 }
 
 }  // namespace

@@ -117,6 +117,17 @@ bool KSProperties::write(const char* filename) const {
     return file.close() && written;
 }
 
+std::string KSProperties::text() const {
+    std::string text;
+    for (const KSProperty& entry : entries_) {
+        text += entry.getName();
+        text += "=\"";
+        text += entry.getValue();
+        text += "\"\n";
+    }
+    return text;
+}
+
 KSProperty* KSProperties::find(const char* name) {
     for (KSProperty& entry : entries_)
         if (strcmp(entry.getName(), name) == 0) return &entry;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <vector>
 
 #include "KSProperty.h"
@@ -38,6 +39,9 @@ class RH_EXPORT KSProperties {
     // when the data could not all be written (a full file system). Throws KSAssertionException
     // ("f", "could not open <filename> in KSProperties::write") when the file cannot be opened.
     bool write(const char* filename) const;
+
+    // The entries as write() puts them into a file (for KSStateFile::replace).
+    std::string text() const;
 
     // The value of the first entry called name, or null when there is none. The pointer stays
     // owned by the set and is valid until that entry changes or the set changes shape.

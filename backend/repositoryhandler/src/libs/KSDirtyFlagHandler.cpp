@@ -8,18 +8,45 @@
 #include <cstring>
 #include <memory>
 
-#include "FileCloser.h"
 #include "KSAssertionException.h"
 #include "KSClock.h"
 #include "KSLogger.h"
 #include "KSPathUtils.h"
+#include "KSStateFile.h"
 #include "SmartSemaphore.h"
 
 namespace {
 
 const char* const kSourceFile = "backend/repositoryhandler/src/libs/KSDirtyFlagHandler";
 constexpr time_t kCacheWindowSeconds = 60;
-constexpr int kLinePiece = 1024;
+constexpr size_t kLinePiece = 1023;  // characters of one name piece, as a 1024-byte line buffer
+
+// The file's content as a set: one name a line, a final line feed removed from each. A line
+// longer than kLinePiece characters counts as several names of kLinePiece characters and a
+// rest, the way the file has always been read with a fixed line buffer.
+std::set<std::string> parseNames(const std::string& content) {
+    std::set<std::string> names;
+    size_t pos = 0;
+    while (pos < content.size()) {
+        size_t lineFeed = content.find('\n', pos);
+        size_t end = lineFeed == std::string::npos ? content.size() : lineFeed + 1;
+        if (end - pos > kLinePiece) end = pos + kLinePiece;
+        size_t length = end - pos;
+        if (content[end - 1] == '\n') --length;
+        names.insert(content.substr(pos, length));
+        pos = end;
+    }
+    return names;
+}
+
+std::string formatNames(const std::set<std::string>& names) {
+    std::string content;
+    for (const std::string& name : names) {
+        content += name;
+        content += '\n';
+    }
+    return content;
+}
 
 // The lock of the dirty file, shared with every process that opens the repository.
 class FileLock {
@@ -43,32 +70,31 @@ class FileLock {
 
 }  // namespace
 
-void KSDirtyFlagHandler::setRepository(kelp::db::DBConnector* connection, const char* repository,
-                                       bool semaphoreType) {
+void KSDirtyFlagHandler::setRepository(kelp::db::DBConnector* /*connection*/,
+                                       const char* repository, bool semaphoreType) {
     if (repository == nullptr) throw KSAssertionException("repository", __LINE__, kSourceFile);
+    std::lock_guard<std::mutex> guard(mutex_);
     char* canonical = canonicalize_file_name(repository);
     if (canonical != nullptr) {
         filePath_ = std::string(canonical) + "/.dirty";
         free(canonical);
     }
     semaphoreType_ = semaphoreType;
-    fileStamp_ = 0;
-    checkAndReadSetFile(connection);
+    file_.setPath(filePath_);
+    refreshLocked();
 }
 
-bool KSDirtyFlagHandler::isDirty(kelp::db::DBConnector* connection, const char* resource,
+bool KSDirtyFlagHandler::isDirty(kelp::db::DBConnector* /*connection*/, const char* resource,
                                  bool cached) {
     if (resource == nullptr) throw KSAssertionException("resource", __LINE__, kSourceFile);
-    if (!cached || KSClock::now() - lastCheck_.load() >= kCacheWindowSeconds)
-        checkAndReadSetFile(connection);
     std::lock_guard<std::mutex> guard(mutex_);
+    if (!cached || KSClock::now() - lastCheck_.load() >= kCacheWindowSeconds) refreshLocked();
     return dirty_.count(resource) != 0;
 }
 
-// The check before taking the mutex is only a shortcut; the decision is made again under the
-// file lock. Between the check and the write another process may have rewritten the file, so
-// its content is read again under the lock and the change is applied to that, instead of
-// overwriting the other process's entries with this process's older copy.
+// The first look at the membership uses the copy checked just before (a change that changes
+// nothing needs no lock). The decision to write is made again under the file lock on content
+// read afresh, and the change is applied to that, never to this process's older copy.
 void KSDirtyFlagHandler::setDirty(kelp::db::DBConnector* connection, const char* resource,
                                   bool dirty) {
     if (resource == nullptr) throw KSAssertionException("resource", __LINE__, kSourceFile);
@@ -79,37 +105,42 @@ void KSDirtyFlagHandler::setDirty(kelp::db::DBConnector* connection, const char*
             resource);
         return;
     }
-    checkAndReadSetFile(connection);
     std::lock_guard<std::mutex> guard(mutex_);
+    refreshLocked();
     if ((dirty_.count(resource) != 0) == dirty) return;
+    unwritten_[resource] = dirty;
 
     FileLock fileLock(semaphoreType_, filePath_, connection);
-    const bool locked = fileLock.take();
-    if (locked) {
-        long long stamp = fileStamp();
-        if (stamp != -1 && stamp != fileStamp_.load()) readLocked();
-        if ((dirty_.count(resource) != 0) == dirty) return;
+    if (!fileLock.take()) {
+        rebuildLocked();
+        return;
     }
-    if (dirty)
-        dirty_.insert(resource);
-    else
-        dirty_.erase(resource);
-    if (locked) writeLocked();
+    KSStateFileCache::Outcome outcome = file_.reread();
+    if (outcome == KSStateFileCache::Outcome::kFailed) {
+        // Writing over a file that could not be read would drop whatever it holds.
+        logFileError(file_.error());
+        rebuildLocked();
+        return;
+    }
+    rebuildLocked();
+    if (formatNames(dirty_) == file_.content() && (file_.exists() || dirty_.empty())) {
+        unwritten_.clear();
+        return;
+    }
+    writeLocked();
 }
 
 void KSDirtyFlagHandler::clearDirtySet(kelp::db::DBConnector* connection) {
     std::lock_guard<std::mutex> guard(mutex_);
     dirty_.clear();
+    unwritten_.clear();
     FileLock fileLock(semaphoreType_, filePath_, connection);
     if (fileLock.take()) writeLocked();
 }
 
-void KSDirtyFlagHandler::checkAndReadSetFile(kelp::db::DBConnector* connection) {
-    lastCheck_ = KSClock::now();
-    long long stamp = fileStamp();
-    if (stamp == fileStamp_.load() || stamp == -1) return;
+void KSDirtyFlagHandler::checkAndReadSetFile(kelp::db::DBConnector* /*connection*/) {
     std::lock_guard<std::mutex> guard(mutex_);
-    refreshLocked(connection);
+    refreshLocked();
 }
 
 void KSDirtyFlagHandler::writeSetFile(kelp::db::DBConnector* connection) {
@@ -123,60 +154,46 @@ std::set<std::string> KSDirtyFlagHandler::snapshot() {
     return dirty_;
 }
 
-long long KSDirtyFlagHandler::fileStamp() const {
-    struct stat st;
-    if (stat(filePath_.c_str(), &st) == 0)
-        return static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec;
-    if (errno == ENOENT) return 0;
-    int error = errno;
+// No file lock: the file is only ever replaced whole, so whatever version the read opens is
+// complete.
+void KSDirtyFlagHandler::refreshLocked() {
+    lastCheck_ = KSClock::now();
+    switch (file_.check()) {
+        case KSStateFileCache::Outcome::kUnchanged:
+            return;
+        case KSStateFileCache::Outcome::kChanged:
+            rebuildLocked();
+            return;
+        case KSStateFileCache::Outcome::kFailed:
+            logFileError(file_.error());
+            return;
+    }
+}
+
+void KSDirtyFlagHandler::rebuildLocked() {
+    dirty_ = parseNames(file_.content());
+    for (const auto& change : unwritten_) {
+        if (change.second)
+            dirty_.insert(change.first);
+        else
+            dirty_.erase(change.first);
+    }
+}
+
+bool KSDirtyFlagHandler::writeLocked() {
+    const std::string content = formatNames(dirty_);
+    if (KSStateFile::replace(filePath_, content) != KSStateFile::Result::kReplaced) {
+        int error = errno;
+        rh_logger.errorLog("Writing the dirty file \"%s\" failed: %s", filePath_.c_str(),
+                           strerror(error));
+        return false;
+    }
+    file_.remember(content);
+    unwritten_.clear();
+    return true;
+}
+
+void KSDirtyFlagHandler::logFileError(int error) const {
     rh_logger.errorLog("The file \"%s\" can not be stat-ed. Error code is %d - %s",
                        filePath_.c_str(), error, strerror(error));
-    return -1;
-}
-
-// Another thread may have read the file between the caller's first test and the mutex, so the
-// stamp is tested again here.
-void KSDirtyFlagHandler::refreshLocked(kelp::db::DBConnector* connection) {
-    long long stamp = fileStamp();
-    if (stamp == fileStamp_.load() || stamp == -1) return;
-    if (stamp == 0) {
-        dirty_.clear();
-        fileStamp_ = 0;
-        return;
-    }
-    FileLock fileLock(semaphoreType_, filePath_, connection);
-    if (fileLock.take()) readLocked();
-}
-
-void KSDirtyFlagHandler::readLocked() {
-    if (fileStamp() == 0) {
-        dirty_.clear();
-        fileStamp_ = 0;
-        return;
-    }
-    FileCloser f(fopen(filePath_.c_str(), "r"));
-    if (f.get() == nullptr) throw KSAssertionException("f", __LINE__, kSourceFile);
-    dirty_.clear();
-    char piece[kLinePiece];
-    while (fgets(piece, sizeof piece, f.get()) != nullptr) {
-        size_t length = strlen(piece);
-        if (length > 0 && piece[length - 1] == '\n') piece[length - 1] = '\0';
-        dirty_.insert(piece);
-    }
-    long long stamp = fileStamp();
-    if (stamp != -1) fileStamp_ = stamp;
-}
-
-void KSDirtyFlagHandler::writeLocked() {
-    FileCloser f(fopen(filePath_.c_str(), "w"));
-    if (f.get() == nullptr) throw KSAssertionException("f", __LINE__, kSourceFile);
-    for (const std::string& name : dirty_) {
-        fputs(name.c_str(), f.get());
-        fputc('\n', f.get());
-    }
-    if (fflush(f.get()) != 0)
-        rh_logger.errorLog("Writing the dirty file \"%s\" failed: %s", filePath_.c_str(),
-                           strerror(errno));
-    long long stamp = fileStamp();
-    if (stamp != -1) fileStamp_ = stamp;
 }

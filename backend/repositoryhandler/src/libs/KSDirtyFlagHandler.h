@@ -4,14 +4,19 @@
 // on a mount that could not be searched. Kept in <canonical repository path>/.dirty (one name a
 // line, sorted), shared by every process that opens the repository and cached in memory.
 //
-// Thread-safe: a mutex guards the set within the process; between processes the file is
-// guarded by a SmartSemaphore named after the file.
+// Thread-safe: a mutex guards the set within the process. Between processes: writers take a
+// SmartSemaphore named after the file and read the file afresh under it before they change and
+// replace it (KSStateFile: new file beside, flushed, renamed over); readers need no lock, since
+// every version they can open is complete.
 
 #include <atomic>
 #include <ctime>
+#include <map>
 #include <mutex>
 #include <set>
 #include <string>
+
+#include "KSStateFileCache.h"
 
 namespace kelp {
 namespace db {
@@ -33,17 +38,18 @@ class KSDirtyFlagHandler {
     // A null resource throws KSAssertionException.
     bool isDirty(kelp::db::DBConnector* connection, const char* resource, bool cached);
     // Writes the file only when the membership changes. Under the file lock the file is read
-    // again first when another process changed it since this one last looked, so that process's
-    // entries are kept. A null resource throws KSAssertionException; a name with a line feed
-    // (which the one-name-a-line file cannot hold) is refused with an error log line.
-    // When the file lock cannot be taken (logged), the change stays in this process's memory.
+    // again in full first, so every entry another process wrote is kept. A null resource throws
+    // KSAssertionException; a name with a line feed (which the one-name-a-line file cannot hold)
+    // is refused with an error log line. When the file lock cannot be taken or the file cannot
+    // be written (a full file system), both logged, the change stays in this process's memory
+    // and is written with its next successful write.
     void setDirty(kelp::db::DBConnector* connection, const char* resource, bool dirty);
     // Empties the set and writes the empty file (created if it was missing).
     void clearDirtySet(kelp::db::DBConnector* connection);
-    // Re-reads the file under its lock when its modification time differs from the one
-    // remembered; a missing file empties the set, a file that cannot be stat-ed keeps it.
+    // Reads the file again when this process's copy may be stale (KSStateFileCache decides); a
+    // missing file empties the set, a file that cannot be stat-ed or read keeps it (logged).
     void checkAndReadSetFile(kelp::db::DBConnector* connection);
-    // Writes the whole set under the file lock; a write error is logged.
+    // Writes this process's whole set under the file lock; a write error is logged.
     void writeSetFile(kelp::db::DBConnector* connection);
 
     const std::string& filePath() const { return filePath_; }
@@ -51,22 +57,20 @@ class KSDirtyFlagHandler {
     std::set<std::string> snapshot();
 
   private:
-    // The file's modification time in nanoseconds: 0 when it does not exist, -1 when it cannot
-    // be stat-ed (logged). Nanoseconds, not seconds, so that a rewrite by another process within
-    // the same second as our last read is still noticed.
-    long long fileStamp() const;
-    // Both expect mutex_ held and the file lock taken.
-    void readLocked();
-    void writeLocked();
-    // Re-reads the file under the file lock when its stamp changed; expects mutex_ held.
-    void refreshLocked(kelp::db::DBConnector* connection);
+    // All expect mutex_ held.
+    void refreshLocked();
+    // The set read from the file's content, with the changes not yet written applied.
+    void rebuildLocked();
+    // Expects the file lock taken; true when the file now holds the set.
+    bool writeLocked();
+    void logFileError(int error) const;
 
     std::set<std::string> dirty_;
+    // Changes made while the file could not be locked or written: name -> dirty.
+    std::map<std::string, bool> unwritten_;
     std::string filePath_;
     bool semaphoreType_ = false;
-    // The stamp of the file when this process last read or wrote it (0: none). Read without the
-    // mutex as a cheap first test, hence atomic.
-    std::atomic<long long> fileStamp_{0};
+    KSStateFileCache file_;
     std::atomic<time_t> lastCheck_{0};
     std::mutex mutex_;
 };

@@ -17,6 +17,7 @@
 #include "KSPathUtils.h"
 #include "KSProperties.h"
 #include "KSRepositoryHandler.h"
+#include "KSStateFile.h"
 #include "SmartSemaphore.h"
 
 namespace {
@@ -61,12 +62,8 @@ class MoveState {
     KSProperties& properties() { return properties_; }
     void save() {
         if (file_.empty()) return;
-        try {
-            properties_.write(file_.c_str());
-        } catch (const KSException& e) {
-            rh_logger.errorLog("Could not write move state %s: %s", file_.c_str(),
-                               e.getMessage().c_str());
-        }
+        if (KSStateFile::replace(file_, properties_.text()) != KSStateFile::Result::kReplaced)
+            rh_logger.errorLog("Could not write move state %s: %s", file_.c_str(), strerror(errno));
     }
 
   private:

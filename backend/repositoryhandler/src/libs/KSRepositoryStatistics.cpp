@@ -4,8 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -16,6 +18,7 @@
 #include "KSPathUtils.h"
 #include "KSProperties.h"
 #include "KSRepositoryHandler.h"
+#include "KSStateFile.h"
 #include "NightProperties.h"
 #include "ShellCommand.h"
 
@@ -87,12 +90,8 @@ void KSRepositoryHandler::writeCalcData(bool /*verbose*/, KSMountPointHandler* m
     std::ostringstream value;
     value << freed;
     statistics.setProperty(today.c_str(), value.str().c_str());
-    try {
-        statistics.write(file.c_str());
-    } catch (const KSException& e) {
-        rh_logger.errorLog("Could not write move statistics %s: %s", file.c_str(),
-                           e.getMessage().c_str());
-    }
+    if (KSStateFile::replace(file, statistics.text()) != KSStateFile::Result::kReplaced)
+        rh_logger.errorLog("Could not write move statistics %s: %s", file.c_str(), strerror(errno));
 }
 
 void KSRepositoryHandler::warnMoveTimeWarning(const char* action, const time_t* /*resourceTime*/) {

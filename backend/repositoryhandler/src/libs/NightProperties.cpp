@@ -1,5 +1,6 @@
 #include "NightProperties.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include "KSLogger.h"
 #include "KSPathUtils.h"
 #include "KSProperties.h"
+#include "KSStateFile.h"
 
 namespace {
 constexpr int kDaysCounted = 7;
@@ -57,12 +59,9 @@ double NightProperties::calcVolume(KSProperties& properties, const char* today,
         puts("NO 7 present, returning -1");
     }
     if (!old.empty()) {
-        try {
-            properties.write(fileName);
-        } catch (const KSException& e) {
+        if (KSStateFile::replace(fileName, properties.text()) != KSStateFile::Result::kReplaced)
             rh_logger.errorLog("Could not write night statistics %s: %s", fileName,
-                               e.getMessage().c_str());
-        }
+                               strerror(errno));
     }
     return result;
 }
