@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "KSDirtyFlagHandler.h"
 #include "KSPathUtils.h"
@@ -30,6 +32,28 @@
 namespace fs = std::filesystem;
 
 namespace {
+
+// Sizes are small for the test run; scripts/stress raises them through the environment.
+int sizeFromEnvironment(const char* name, int fallback) {
+    const char* value = getenv(name);
+    return value != nullptr && atoi(value) > 0 ? atoi(value) : fallback;
+}
+
+// Replaces the line "name: value" in the figures file named by RH_RELIABILITY_FILE, if any,
+// keeping every other line.
+void recordFigure(const std::string& name, long value) {
+    const char* file = getenv("RH_RELIABILITY_FILE");
+    if (file == nullptr) return;
+    std::vector<std::string> lines;
+    {
+        std::ifstream in(file);
+        for (std::string line; std::getline(in, line);)
+            if (line.compare(0, name.size() + 1, name + ":") != 0) lines.push_back(line);
+    }
+    lines.push_back(name + ": " + std::to_string(value));
+    std::ofstream out(file, std::ios::trunc);
+    for (const std::string& line : lines) out << line << "\n";
+}
 
 std::string readWhole(const std::string& file) {
     std::ifstream in(file, std::ios::binary);
@@ -118,7 +142,7 @@ TEST(DirtySetOnCoarseClock, processesInLockStepLoseNoMarkAndSeeEachOthersAtOnce)
     SharedRepository repo(ramfs.path());
     SharedObject<LockStepRecord> record;
     record->barrier.init(kProcesses);
-    constexpr int kRounds = 150;
+    const int kRounds = sizeFromEnvironment("RH_DIRTY_ROUNDS", 150);
 
     ProcessGroup processes;
     for (int p = 0; p < kProcesses; ++p)
@@ -133,6 +157,10 @@ TEST(DirtySetOnCoarseClock, processesInLockStepLoseNoMarkAndSeeEachOthersAtOnce)
     int lost = 0, back = 0;
     for (const std::string& name : expected) lost += found.count(name) == 0;
     for (const std::string& name : found) back += expected.count(name) == 0;
+    recordFigure("dirty_lockstep_marks", kProcesses * kRounds);
+    recordFigure("dirty_lockstep_lost_marks", lost);
+    recordFigure("dirty_lockstep_resurrected_marks", back);
+    recordFigure("dirty_lockstep_unseen_marks", record->unseen.load());
     EXPECT_EQ(0, lost) << "marks lost";
     EXPECT_EQ(0, back) << "cleared marks back";
     EXPECT_EQ(0, record->unseen.load()) << "marks an uncached query did not see";
@@ -217,7 +245,7 @@ TEST(DirtySetFile, writersKilledAtRandomMomentsNeverLeaveItEmptyOrCutShort) {
         for (int i = 0; i < kKeptNames; ++i) flags.setDirty(nullptr, keptName(i).c_str(), true);
     }
     std::mt19937 random(20261124);
-    constexpr int kKills = 40;
+    const int kKills = sizeFromEnvironment("RH_DIRTY_KILLS", 40);
     int broken = 0;
     for (int kill = 0; kill < kKills; ++kill) {
         ProcessGroup writer;
@@ -237,6 +265,8 @@ TEST(DirtySetFile, writersKilledAtRandomMomentsNeverLeaveItEmptyOrCutShort) {
         broken += isWholeSet(readWhole(repo.dirtyFile())) ? 0 : 1;
         unlink(repo.lockFile().c_str());  // a killed holder leaves its lock: the operator's job
     }
+    recordFigure("dirty_write_kill_points", kKills);
+    recordFigure("dirty_write_broken_sets", broken);
     EXPECT_EQ(0, broken) << "reads of an empty, cut or foreign set";
 
     KSDirtyFlagHandler after;

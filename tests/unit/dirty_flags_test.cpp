@@ -6,10 +6,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "ChildProcess.h"
 #include "ClockControl.h"
@@ -217,6 +220,46 @@ TEST_F(DirtyFlagsTest, badArgumentsAreRefusedWithoutTouchingTheFile) {
     flags.setDirty(nullptr, "a\nb", true);
     EXPECT_FALSE(fs::exists(dirtyFile_));
     EXPECT_EQ(1, syslog.countContaining("contains a line feed"));
+}
+
+// Threads of one process share one handler, and others stand for further processes with a
+// handler of their own (the file lock excludes them as it excludes processes). Each thread
+// marks and clears names of its own while querying uncached; afterwards the file holds exactly
+// the marks that were not cleared.
+TEST(DirtySetConcurrency, threadsWithSharedAndOwnHandlersLoseNoMark) {
+    TempTree dir;
+    const std::string repository = dir.mkdir("repo");
+    ScopedEnv lockVar("LOCK_VAR", dir.mkdir("locks").c_str());
+    KSDirtyFlagHandler shared;
+    shared.setRepository(nullptr, repository.c_str(), false);
+    constexpr int kThreads = 4;
+    constexpr int kNames = 40;
+    std::atomic<int> unseen{0};
+    auto name = [](int thread, int i) {
+        return "t" + std::to_string(thread) + "-" + std::to_string(i);
+    };
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            KSDirtyFlagHandler own;
+            own.setRepository(nullptr, repository.c_str(), false);
+            KSDirtyFlagHandler& flags = t % 2 == 0 ? shared : own;
+            for (int i = 0; i < kNames; ++i) {
+                flags.setDirty(nullptr, name(t, i).c_str(), true);
+                if (!flags.isDirty(nullptr, name(t, i).c_str(), false)) ++unseen;
+                if (i % 2 == 1) flags.setDirty(nullptr, name(t, i - 1).c_str(), false);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+
+    std::set<std::string> expected;
+    for (int t = 0; t < kThreads; ++t)
+        for (int i = 1; i < kNames; i += 2) expected.insert(name(t, i));
+    KSDirtyFlagHandler after;
+    after.setRepository(nullptr, repository.c_str(), false);
+    EXPECT_EQ(expected, after.snapshot());
+    EXPECT_EQ(0, unseen.load());
 }
 
 TEST(NomoveTest, noMoveSetFollowsEachChangeAndRefusesANullName) {
