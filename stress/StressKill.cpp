@@ -265,13 +265,18 @@ void verify(const Scene& scene, Work work, const std::string& reported, bool kil
     const pid_t child = fork();
     if (child == 0) {
         close(pipeFds[0]);
-        long long counts[2] = {0, 0};  // wrong or missing content, unresolved conflicts
+        long long counts[2] = {0, 0};  // wrong or missing content, unresolved conflicts (2)
         for (const std::string& name : scene.names()) {
             int status = 0;
             char* location = getLocation_(scene.repository().c_str(), name.c_str(), &status, false,
                                           true, false, false, nullptr);
-            if (location == nullptr || digestOf(location) != expectedDigest(name, 1)) ++counts[0];
-            if (status == 2) ++counts[1];
+            // Status 2 tells the caller that copies conflict; only an answer of success with
+            // the wrong content (or none) is corrupt.
+            if (status == 2) {
+                ++counts[1];
+            } else if (location == nullptr || digestOf(location) != expectedDigest(name, 1)) {
+                ++counts[0];
+            }
             release(location);
         }
         if (write(pipeFds[1], counts, sizeof counts) != sizeof counts) _exit(4);
