@@ -3,12 +3,15 @@
 // (for each mount visited, the test of its repositorypart.cfg and the probe of the resource's
 // location).
 // Once without the resource lock, once with the file lock, whose floor adds one
-// open(O_CREAT|O_EXCL), close and unlink of a lock file. Also createLocation_ per second.
+// open(O_CREAT|O_EXCL), close and unlink of a lock file. Then createLocation_ against the system
+// calls one creation needs.
 
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
+#include <utime.h>
 
 #include <cstdio>
 #include <fstream>
@@ -101,22 +104,63 @@ void BM_getLocationLocked(benchmark::State& state) {
 BENCHMARK(BM_getLocation)->DenseRange(1, kMounts)->Iterations(1);
 BENCHMARK(BM_getLocationLocked)->DenseRange(1, kMounts)->Iterations(1);
 
-// New locations on one mount: the hash levels are made, the resource directory is not.
+// New locations (the hash levels are made and reserved, the resource directory is not) against
+// the system calls that one creation needs, made directly on the same repository: the lock file
+// (open with O_EXCL, close, unlink), the lookup (for each of the 4 mounts the test of its
+// repositorypart.cfg and the probe of the location), the status of every mount (the test of its
+// repositorypart.cfg and statfs), the three hash levels (one mkdir each, on a directory of its
+// own beside the mounts, so that as many levels exist already as for the subject) and the times
+// of the levels and the mount (utime each). The mount's clean-up lock (open, flock, close) and
+// the reservation of the last level (stat, utimensat) are not in the floor: they keep
+// concurrent clean-ups from removing a new location, beyond what a creation needs in itself.
 void BM_createLocation(benchmark::State& state) {
     BenchRepository& repo = repository();
-    long n = 0;
+    const std::string floorMount = repo.path + "/floor";
+    mkdir(floorMount.c_str(), 0755);
+    long made = 0, floorMade = 0;
     int status = 0, existed = 0;
-    for (auto _ : state) {
-        const std::string name = "new." + std::to_string(n++);
+    auto subject = [&] {
+        const std::string name = "new." + std::to_string(made++);
         char* location =
             createLocation_(repo.path.c_str(), name.c_str(), &status, &existed, false, nullptr);
         benchmark::DoNotOptimize(location);
         release(location);
-    }
-    state.counters["per_second"] =
-        benchmark::Counter(static_cast<double>(n), benchmark::Counter::kIsRate);
+    };
+    std::vector<std::string> configs;
+    for (const std::string& mount : repo.mounts) configs.push_back(mount + "/repositorypart.cfg");
+    auto floor = [&] {
+        const std::string name = "new." + std::to_string(floorMade++);
+        const std::string lockFile = repo.lockDir + "/semaphore_floor";
+        close(open(lockFile.c_str(), O_RDONLY | O_CREAT | O_EXCL, 0660));
+        struct stat st;
+        for (size_t i = 0; i < repo.mounts.size(); ++i) {
+            benchmark::DoNotOptimize(stat(configs[i].c_str(), &st));
+            benchmark::DoNotOptimize(
+                access(resourceLocation(repo.mounts[i], name.c_str()).c_str(), F_OK));
+        }
+        struct statfs fs;
+        for (size_t i = 0; i < repo.mounts.size(); ++i) {
+            benchmark::DoNotOptimize(stat(configs[i].c_str(), &st));
+            benchmark::DoNotOptimize(statfs(repo.mounts[i].c_str(), &fs));
+        }
+        std::string location = resourceLocation(floorMount, name.c_str());
+        std::string levels[3];
+        for (int level = 2; level >= 0; --level) {
+            location.resize(location.rfind('/'));
+            levels[level] = location;
+        }
+        for (const std::string& level : levels) mkdir(level.c_str(), 0755);
+        for (int level = 2; level >= 0; --level) utime(levels[level].c_str(), nullptr);
+        utime(floorMount.c_str(), nullptr);
+        unlink(lockFile.c_str());
+    };
+    InterleaveOptions options;
+    options.callsPerBlock = 200;
+    options.clock = BenchClock::Wall;  // the kernel's work on the directories is the cost
+    for (auto _ : state) reportRatio(state, interleavedRatio(subject, floor, options));
+    if (status != 0 || existed != 0) state.SkipWithError("a creation failed");
 }
-BENCHMARK(BM_createLocation);
+BENCHMARK(BM_createLocation)->Iterations(1);
 
 }  // namespace
 
