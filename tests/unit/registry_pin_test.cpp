@@ -137,7 +137,13 @@ TEST(RegistryPinConcurrency, callsDuringReloadsAnswerFromCompleteHandlersAndRepl
     }
     for (int version = 2; version <= kReloads + 1; ++version) {
         repo.reload(version);
+        // A worker that noticed the change first may still be loading the new handler; the
+        // registry answers the old one until it is in place, so wait for it (bounded).
         auto handler = getRepository(nullptr, repo.path().c_str(), true);
+        for (int n = 0; n < 500 && handler->settings().remindLimit != version; ++n) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            handler = getRepository(nullptr, repo.path().c_str(), true);
+        }
         EXPECT_EQ(handler->settings().remindLimit, version) << "a complete, current handler";
         EXPECT_EQ(handler->mounts().size(), 2u);
         handlers.push_back(handler);
