@@ -24,9 +24,10 @@ constexpr int kLinePiece = 1024;
 // The lock of the dirty file, shared with every process that opens the repository.
 class FileLock {
   public:
-    FileLock(bool global, const std::string& filePath, kelp::db::DBConnector* connection)
+    FileLock(bool global, const std::string& filePath, const std::string& lockName,
+             kelp::db::DBConnector* connection)
         : filePath_(filePath),
-          id_(toResourceID(filePath.c_str(), "")),
+          id_(toResourceID(lockName.c_str(), "")),
           semaphore_(global, id_.get(), connection) {}
 
     bool take() {
@@ -44,13 +45,14 @@ class FileLock {
 }  // namespace
 
 void KSDirtyFlagHandler::setRepository(kelp::db::DBConnector* connection, const char* repository,
-                                       bool semaphoreType) {
+                                       bool semaphoreType, const char* lockName) {
     if (repository == nullptr) throw KSAssertionException("repository", __LINE__, kSourceFile);
     char* canonical = canonicalize_file_name(repository);
     if (canonical != nullptr) {
         filePath_ = std::string(canonical) + "/.dirty";
         free(canonical);
     }
+    lockName_ = lockName != nullptr ? lockName : filePath_;
     semaphoreType_ = semaphoreType;
     fileStamp_ = 0;
     checkAndReadSetFile(connection);
@@ -83,7 +85,7 @@ void KSDirtyFlagHandler::setDirty(kelp::db::DBConnector* connection, const char*
     std::lock_guard<std::mutex> guard(mutex_);
     if ((dirty_.count(resource) != 0) == dirty) return;
 
-    FileLock fileLock(semaphoreType_, filePath_, connection);
+    FileLock fileLock(semaphoreType_, filePath_, lockName_, connection);
     const bool locked = fileLock.take();
     if (locked) {
         long long stamp = fileStamp();
@@ -100,7 +102,7 @@ void KSDirtyFlagHandler::setDirty(kelp::db::DBConnector* connection, const char*
 void KSDirtyFlagHandler::clearDirtySet(kelp::db::DBConnector* connection) {
     std::lock_guard<std::mutex> guard(mutex_);
     dirty_.clear();
-    FileLock fileLock(semaphoreType_, filePath_, connection);
+    FileLock fileLock(semaphoreType_, filePath_, lockName_, connection);
     if (fileLock.take()) writeLocked();
 }
 
@@ -114,7 +116,7 @@ void KSDirtyFlagHandler::checkAndReadSetFile(kelp::db::DBConnector* connection) 
 
 void KSDirtyFlagHandler::writeSetFile(kelp::db::DBConnector* connection) {
     std::lock_guard<std::mutex> guard(mutex_);
-    FileLock fileLock(semaphoreType_, filePath_, connection);
+    FileLock fileLock(semaphoreType_, filePath_, lockName_, connection);
     if (fileLock.take()) writeLocked();
 }
 
@@ -144,7 +146,7 @@ void KSDirtyFlagHandler::refreshLocked(kelp::db::DBConnector* connection) {
         fileStamp_ = 0;
         return;
     }
-    FileLock fileLock(semaphoreType_, filePath_, connection);
+    FileLock fileLock(semaphoreType_, filePath_, lockName_, connection);
     if (fileLock.take()) readLocked();
 }
 

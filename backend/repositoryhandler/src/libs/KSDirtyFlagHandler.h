@@ -27,8 +27,10 @@ class KSDirtyFlagHandler {
 
     // Binds to a repository directory and reads its file. A null repository throws
     // KSAssertionException. `semaphoreType` true locks the file through the database.
+    // The file's lock id is formed from `lockName` when it is not null (the repository's
+    // `repositoryId` scope), else from the file's canonical path.
     void setRepository(kelp::db::DBConnector* connection, const char* repository,
-                       bool semaphoreType);
+                       bool semaphoreType, const char* lockName = nullptr);
     // With `cached`, a file checked within the last 60 seconds is not looked at again.
     // A null resource throws KSAssertionException.
     bool isDirty(kelp::db::DBConnector* connection, const char* resource, bool cached);
@@ -47,6 +49,8 @@ class KSDirtyFlagHandler {
     void writeSetFile(kelp::db::DBConnector* connection);
 
     const std::string& filePath() const { return filePath_; }
+    // The text the file's lock id is formed from (toResourceID of it and "").
+    const std::string& lockName() const { return lockName_; }
     // A copy of the set as this process holds it now (no file access).
     std::set<std::string> snapshot();
 
@@ -63,6 +67,7 @@ class KSDirtyFlagHandler {
 
     std::set<std::string> dirty_;
     std::string filePath_;
+    std::string lockName_;
     bool semaphoreType_ = false;
     // The stamp of the file when this process last read or wrote it (0: none). Read without the
     // mutex as a cheap first test, hence atomic.
