@@ -70,6 +70,15 @@ void printMount(KSRepositoryHandler& repo, KSMountPointHandler& mount) {
     printf("  type      %s\n", c.fast ? "fast" : "normal");
 }
 
+// Which name the servers' locks on this repository meet under: servers whose lines differ do not
+// exclude each other.
+void printLockScope(const KSRepositoryHandler& repo) {
+    const bool byId = !repo.settings().repositoryId.empty();
+    printf("  locks     %s through %s, scope %s \"%s\"\n", repo.isShared() ? "shared" : "local",
+           repo.isShared() ? "the database" : "lock files", byId ? "repositoryId" : "path",
+           repo.lockScope().c_str());
+}
+
 int showRepository(const char* path) {
     if (!isDirectory(path)) {
         fprintf(stderr, "repoctl status: no repository directory \"%s\"\n", path);
@@ -81,6 +90,7 @@ int showRepository(const char* path) {
     if (repo->isUnusable()) printf("  configuration could not be read (see the system log)\n");
     printf("  status    %d (0x%03x) %s\n", status, status,
            bitNames(status, kRepositoryBits).c_str());
+    printLockScope(*repo);
     printf("  mounts    %zu\n", repo->mounts().size());
     for (auto& mount : repo->mounts()) printMount(*repo, *mount);
     return repo->isUnusable() ? 1 : 0;

@@ -25,7 +25,7 @@ bool isRepositoryDirectory(const char* command, const char* path) {
 
 std::string identity(const char* repository, const char* resource) {
     auto repo = getRepository(nullptr, repository, true);
-    std::unique_ptr<char[]> id(toResourceID(repo->path().c_str(), resource));
+    std::unique_ptr<char[]> id(toResourceID(repo->lockScope().c_str(), resource));
     return id.get();
 }
 

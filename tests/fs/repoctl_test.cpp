@@ -74,6 +74,24 @@ TEST(RepoctlTest, statusShowsEveryMountWithItsFillLevelBitsAndFlags) {
         << run.output;
 }
 
+TEST(RepoctlTest, statusShowsWhichNameTheServersLocksMeetUnder) {
+    ScratchRepository byPath;
+    byPath.writeConfig({{"isShared", "false"}});
+    CommandResult run = repoctl("status " + byPath.path());
+    EXPECT_EQ(run.code, 0) << run.output;
+    EXPECT_TRUE(contains(
+        run.output, "  locks     local through lock files, scope path \"" + byPath.path() + "\"\n"))
+        << run.output;
+
+    ScratchRepository byId;
+    byId.writeConfig({{"repositoryId", "site-archive"}});
+    run = repoctl("status " + byId.path());
+    EXPECT_TRUE(contains(run.output,
+                         "  locks     shared through the database, scope repositoryId "
+                         "\"site-archive\"\n"))
+        << run.output;
+}
+
 TEST(RepoctlTest, missingRepositoriesAndBadArgumentsFailWithAMessage) {
     CommandResult run = repoctl("status /nonexistent/repository");
     EXPECT_EQ(run.code, 1);

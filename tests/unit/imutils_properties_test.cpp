@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -120,6 +122,31 @@ TEST(KSPropertiesTest, writeProducesQuotedLinesAndReadsBackWithQuotesAsBlanks) {
     EXPECT_EQ(entriesOf(back), (Entries{{"a", "b"}, {"empty", ""}, {"v", "say  hi"}}));
     // A device that is always full takes the open but not the data.
     EXPECT_FALSE(p.write("/dev/full"));
+}
+
+TEST(KSPropertiesTest, aReaderNeverFindsAFileHalfRewritten) {
+    ScratchDir dir;
+    const std::string file = dir.file("state.cfg");
+    KSProperties full;
+    for (int i = 0; i < 200; ++i)
+        full.setProperty(("key" + std::to_string(i)).c_str(), "a value long enough to matter");
+    ASSERT_TRUE(full.write(file.c_str()));
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        for (int i = 0; i < 300; ++i) full.write(file.c_str());
+        done = true;
+    });
+    int partial = 0;
+    while (!done) {
+        KSProperties seen;
+        if (!seen.load(file.c_str()) || entriesOf(seen).size() != 200) ++partial;
+    }
+    writer.join();
+    EXPECT_EQ(partial, 0) << "reads that found the file missing or short";
+    int files = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.file("")))
+        files += entry.path().filename().string().rfind("state.cfg", 0) == 0 ? 1 : 0;
+    EXPECT_EQ(files, 1) << "no file is left beside the state file";
 }
 
 TEST(KSPropertiesTest, writeToAnUnopenableFileThrowsNamingTheFile) {

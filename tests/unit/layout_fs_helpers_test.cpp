@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <filesystem>
 #include <list>
 #include <memory>
 #include <string>
@@ -395,6 +396,31 @@ TEST(LegacyLinks, setLinkRepointsALinkButNeverReplacesARealEntry) {
     EXPECT_TRUE(log.findEqual("Link to \"" + tree.path("one") + "\" could not be created at \"" +
                               blocked + "\". Cause: [2] No such file or directory")
                     .has_value());
+}
+
+TEST(LegacyLinks, aLinkBeingRepointedIsNeverMissing) {
+    TempTree tree;
+    tree.mkdir("one");
+    tree.mkdir("two");
+    const std::string link = tree.path("link");
+    ASSERT_TRUE(setLink(tree.path("one").c_str(), link.c_str()));
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        for (int i = 0; i < 2000; ++i)
+            setLink(tree.path(i % 2 ? "one" : "two").c_str(), link.c_str());
+        done = true;
+    });
+    int missing = 0;
+    struct stat st;
+    while (!done)
+        if (lstat(link.c_str(), &st) != 0) ++missing;
+    writer.join();
+    EXPECT_EQ(missing, 0) << "looks that found no link";
+    EXPECT_EQ(linkText(link), tree.path("one")) << "the last repointing wins";
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(tree.root()),
+                            std::filesystem::directory_iterator()),
+              3)
+        << "nothing is left beside the link";
 }
 
 TEST(LegacyLinks, checkLinkResolvesLinksAndReportsWhatItCannot) {

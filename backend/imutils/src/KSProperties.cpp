@@ -1,5 +1,11 @@
 #include "KSProperties.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -104,9 +110,19 @@ bool KSProperties::load(const char* filename) {
     return true;
 }
 
+// A regular file (or a new one) is written beside itself and renamed over the old one, so that a
+// reader, in this process, another one or on another server of a shared directory, finds the old
+// content or the new, never a truncated or half-written file. Anything else (a device, a fifo)
+// is written in place: renaming over it would replace the node itself.
 bool KSProperties::write(const char* filename) const {
     KS_ASSERT_NOT_NULL(filename, kSourceFile);
-    FileCloser file(fopen(filename, "wb"));
+    struct stat st;
+    const bool inPlace = stat(filename, &st) == 0 && !S_ISREG(st.st_mode);
+    static std::atomic<unsigned> sequence{0};
+    const std::string beside = std::string(filename) + ".new." + std::to_string(getpid()) + "." +
+                               std::to_string(sequence.fetch_add(1));
+    const char* target = inPlace ? filename : beside.c_str();
+    FileCloser file(fopen(target, "wb"));
     if (file.get() == nullptr)
         throw KSAssertionException("f", __LINE__, kSourceFile,
                                    "could not open %s in KSProperties::write", filename);
@@ -114,7 +130,11 @@ bool KSProperties::write(const char* filename) const {
     for (const KSProperty& entry : entries_)
         if (fprintf(file.get(), "%s=\"%s\"\n", entry.getName(), entry.getValue()) < 0)
             written = false;
-    return file.close() && written;
+    if (inPlace) return file.close() && written;
+    written = fflush(file.get()) == 0 && fsync(fileno(file.get())) == 0 && written;
+    if (file.close() && written && rename(beside.c_str(), filename) == 0) return true;
+    unlink(beside.c_str());
+    return false;
 }
 
 std::string KSProperties::text() const {

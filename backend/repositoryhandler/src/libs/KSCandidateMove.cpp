@@ -88,7 +88,8 @@ unsigned long long resourceBytes(const std::string& path) {
 
 CandidateMoveResult moveCandidate(KSRepositoryHandler& repository, const CandidateMove& how,
                                   const ResourceEntry& entry, KSMountPointHandler& target) {
-    KSTimedLock lock(repository.settings().isShared, repository.path(), entry.name, how.connection);
+    KSTimedLock lock(repository.settings().isShared, repository.lockScope(), entry.name,
+                     how.connection);
     if (!lock.acquire(how.verbose)) return CandidateMoveResult::Refused;
     // A resource removed since it was gathered has changed as much as a touched one, and the
     // maintenance reports it the same way.

@@ -51,9 +51,10 @@ std::string formatNames(const std::set<std::string>& names) {
 // The lock of the dirty file, shared with every process that opens the repository.
 class FileLock {
   public:
-    FileLock(bool global, const std::string& filePath, kelp::db::DBConnector* connection)
+    FileLock(bool global, const std::string& filePath, const std::string& lockName,
+             kelp::db::DBConnector* connection)
         : filePath_(filePath),
-          id_(toResourceID(filePath.c_str(), "")),
+          id_(toResourceID(lockName.c_str(), "")),
           semaphore_(global, id_.get(), connection) {}
 
     bool take() {
@@ -71,7 +72,8 @@ class FileLock {
 }  // namespace
 
 void KSDirtyFlagHandler::setRepository(kelp::db::DBConnector* /*connection*/,
-                                       const char* repository, bool semaphoreType) {
+                                       const char* repository, bool semaphoreType,
+                                       const char* lockName) {
     if (repository == nullptr) throw KSAssertionException("repository", __LINE__, kSourceFile);
     std::lock_guard<std::mutex> guard(mutex_);
     char* canonical = canonicalize_file_name(repository);
@@ -79,6 +81,7 @@ void KSDirtyFlagHandler::setRepository(kelp::db::DBConnector* /*connection*/,
         filePath_ = std::string(canonical) + "/.dirty";
         free(canonical);
     }
+    lockName_ = lockName != nullptr ? lockName : filePath_;
     semaphoreType_ = semaphoreType;
     file_.setPath(filePath_);
     refreshLocked();
@@ -110,7 +113,7 @@ void KSDirtyFlagHandler::setDirty(kelp::db::DBConnector* connection, const char*
     if ((dirty_.count(resource) != 0) == dirty) return;
     unwritten_[resource] = dirty;
 
-    FileLock fileLock(semaphoreType_, filePath_, connection);
+    FileLock fileLock(semaphoreType_, filePath_, lockName_, connection);
     if (!fileLock.take()) {
         rebuildLocked();
         return;
@@ -134,7 +137,7 @@ void KSDirtyFlagHandler::clearDirtySet(kelp::db::DBConnector* connection) {
     std::lock_guard<std::mutex> guard(mutex_);
     dirty_.clear();
     unwritten_.clear();
-    FileLock fileLock(semaphoreType_, filePath_, connection);
+    FileLock fileLock(semaphoreType_, filePath_, lockName_, connection);
     if (fileLock.take()) writeLocked();
 }
 
@@ -145,7 +148,7 @@ void KSDirtyFlagHandler::checkAndReadSetFile(kelp::db::DBConnector* /*connection
 
 void KSDirtyFlagHandler::writeSetFile(kelp::db::DBConnector* connection) {
     std::lock_guard<std::mutex> guard(mutex_);
-    FileLock fileLock(semaphoreType_, filePath_, connection);
+    FileLock fileLock(semaphoreType_, filePath_, lockName_, connection);
     if (fileLock.take()) writeLocked();
 }
 

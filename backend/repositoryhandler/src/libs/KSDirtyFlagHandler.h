@@ -32,8 +32,10 @@ class KSDirtyFlagHandler {
 
     // Binds to a repository directory and reads its file. A null repository throws
     // KSAssertionException. `semaphoreType` true locks the file through the database.
+    // The file's lock id is formed from `lockName` when it is not null (the repository's
+    // `repositoryId` scope), else from the file's canonical path.
     void setRepository(kelp::db::DBConnector* connection, const char* repository,
-                       bool semaphoreType);
+                       bool semaphoreType, const char* lockName = nullptr);
     // With `cached`, a file checked within the last 60 seconds is not looked at again.
     // A null resource throws KSAssertionException.
     bool isDirty(kelp::db::DBConnector* connection, const char* resource, bool cached);
@@ -53,6 +55,8 @@ class KSDirtyFlagHandler {
     void writeSetFile(kelp::db::DBConnector* connection);
 
     const std::string& filePath() const { return filePath_; }
+    // The text the file's lock id is formed from (toResourceID of it and "").
+    const std::string& lockName() const { return lockName_; }
     // A copy of the set as this process holds it now (no file access).
     std::set<std::string> snapshot();
 
@@ -69,6 +73,7 @@ class KSDirtyFlagHandler {
     // Changes made while the file could not be locked or written: name -> dirty.
     std::map<std::string, bool> unwritten_;
     std::string filePath_;
+    std::string lockName_;
     bool semaphoreType_ = false;
     KSStateFileCache file_;
     std::atomic<time_t> lastCheck_{0};

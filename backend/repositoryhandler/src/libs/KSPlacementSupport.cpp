@@ -56,7 +56,7 @@ int moveFailureStatus(int moveResult) {
 }
 
 std::string resourceLockId(const KSRepositoryHandler& repository, const char* resource) {
-    std::unique_ptr<char[]> id(toResourceID(repository.path().c_str(), resource));
+    std::unique_ptr<char[]> id(toResourceID(repository.lockScope().c_str(), resource));
     return id ? std::string(id.get()) : std::string();
 }
 

@@ -35,6 +35,24 @@ bool pathExists(const std::string& path) {
     return ::stat(path.c_str(), &st) == 0;
 }
 
+// Short enough that every lock id formed from it fits the lock table's key with room for the
+// resource name.
+constexpr size_t kMaxRepositoryIdLength = 64;
+
+// Letters, digits, '.', '_' and '-', the first a letter or a digit: no slash (toResourceID would
+// fold it into an underscore and two ids could meet) and never the form of a path, whose lock
+// ids all begin with an underscore.
+bool isValidRepositoryId(const char* id) {
+    const size_t length = strlen(id);
+    auto alnum = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+    };
+    if (length == 0 || length > kMaxRepositoryIdLength || !alnum(id[0])) return false;
+    for (const char* p = id; *p != '\0'; ++p)
+        if (!alnum(*p) && *p != '.' && *p != '_' && *p != '-') return false;
+    return true;
+}
+
 bool isTrue(const char* value) {
     return value != nullptr && strcmp(value, "true") == 0;
 }
@@ -101,7 +119,9 @@ time_t KSRepositoryHandler::setup(kelp::db::DBConnector* db, const char* path) {
             free(canonical);
         }
         parseConfigFile();
-        dirtyFlags_.setRepository(db, path_.c_str(), settings_.isShared);
+        const std::string dirtyLockName = lockScope() + "/.dirty";
+        dirtyFlags_.setRepository(db, path_.c_str(), settings_.isShared,
+                                  settings_.repositoryId.empty() ? nullptr : dirtyLockName.c_str());
     }
     const time_t now = KSClock::now();
     lastCheck_.store(now);
@@ -192,6 +212,24 @@ void KSRepositoryHandler::readSettings(KSProperties& properties) {
     flag("countSize", s.countSize);
     flag("authoritativeMode", s.authoritativeMode);
     flag("forceDedicated", s.forceDedicated);
+    // Empty stands for not set: every server reads the same file, so all of them agree.
+    const char* id = properties.getProperty("repositoryId");
+    if (id != nullptr && *id != '\0') readRepositoryId(id);
+}
+
+// An id that cannot be used makes the repository unusable rather than falling back to the
+// path: a server that silently locked under its path would not exclude the servers that lock
+// under the id, and the dirty set and the moves would race between them.
+void KSRepositoryHandler::readRepositoryId(const char* id) {
+    if (isValidRepositoryId(id)) {
+        settings_.repositoryId = id;
+        return;
+    }
+    rh_logger.errorLog(
+        "Invalid repositoryId \"%s\" in repository %s: it must be 1 to %zu letters, digits, "
+        "'.', '_' or '-', beginning with a letter or a digit",
+        id, path_.c_str(), kMaxRepositoryIdLength);
+    unusable_ = true;
 }
 
 void KSRepositoryHandler::readLegacyDir(KSProperties& properties, const char* dir) {

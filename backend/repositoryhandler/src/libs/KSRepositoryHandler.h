@@ -79,6 +79,9 @@ public:
         bool countSize = true;
         bool authoritativeMode = true;
         bool forceDedicated = false;
+        // Empty: lock ids are formed from the repository path. Otherwise the name under which
+        // every server locks this repository, wherever it mounts the share.
+        std::string repositoryId;
     };
 
     using MountList = std::vector<std::unique_ptr<KSMountPointHandler>>;
@@ -131,6 +134,13 @@ public:
 
     const std::string& path() const { return path_; }
     const std::string& canonicalPath() const { return canonicalPath_; }
+    // What the lock ids of this repository are formed from (toResourceID's first argument for
+    // its resources and its maintenance lock; the dirty file's lock adds "/.dirty"): the
+    // `repositoryId` setting when set, else the repository path. Every server that shares the
+    // repository must arrive at the same text, or their locks do not exclude each other.
+    const std::string& lockScope() const {
+        return settings_.repositoryId.empty() ? path_ : settings_.repositoryId;
+    }
     const Settings& settings() const { return settings_; }
     MountList& mounts() { return mounts_; }
     const MountList& mounts() const { return mounts_; }
@@ -324,6 +334,7 @@ private:
     bool loadConfig(KSProperties& properties, const std::string& file);
     void readSettings(KSProperties& properties);
     void readLegacyDir(KSProperties& properties, const char* dir);
+    void readRepositoryId(const char* id);
     void readPluginName(KSProperties& properties, const char* key, const char* accepted,
                         std::string& target);
     void createMountHandlers(const char* mountPoints);

@@ -19,7 +19,7 @@ const char* const kSourceFile = "backend/repositoryhandler/src/libs/KSRepository
 int KSRepositoryHandler::lockResource(kelp::db::DBConnector* connection, const char* resource) {
     if (resource == nullptr) throw KSAssertionException("resource", __LINE__, kSourceFile);
     if (refuseEmptyName(resource, "lockResource")) return 0;
-    std::unique_ptr<char[]> id(toResourceID(path_.c_str(), resource));
+    std::unique_ptr<char[]> id(toResourceID(lockScope().c_str(), resource));
     SmartSemaphore semaphore(settings_.isShared, id.get(), connection);
     semaphore.semaphore()->setReleaseOnDestruction(false);
     // SmartSemaphore::lock logs and answers false for every failure, the time-out included.
@@ -33,7 +33,7 @@ int KSRepositoryHandler::unlockResource(kelp::db::DBConnector* connection, const
     if (resource == nullptr) throw KSAssertionException("resource", __LINE__, kSourceFile);
     // The empty name would release a running maintenance pass's repository lock.
     if (refuseEmptyName(resource, "unlockResource")) return 0;
-    std::unique_ptr<char[]> id(toResourceID(path_.c_str(), resource));
+    std::unique_ptr<char[]> id(toResourceID(lockScope().c_str(), resource));
     SmartSemaphore semaphore(settings_.isShared, id.get(), connection);
     semaphore.semaphore()->setReleaseOnDestruction(false);
     semaphore.semaphore()->setLocked(true);

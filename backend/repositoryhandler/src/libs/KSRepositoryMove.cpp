@@ -256,7 +256,7 @@ int KSRepositoryHandler::moveAllResourcesFromMount(kelp::db::DBConnector* connec
                    "\" could not be found in repository.");
         return -1;
     }
-    std::unique_ptr<char[]> id(toResourceID(path_.c_str(), ""));
+    std::unique_ptr<char[]> id(toResourceID(lockScope().c_str(), ""));
     // The repository lock keeps the emptying and the overload check apart.
     SmartSemaphore repositoryLock(settings_.isShared, id.get(), connection);
     if (!repositoryLock.lock()) {

@@ -134,7 +134,7 @@ void KSOverloadRun::runSteps() {
     repo_.deletedCount_ = 0;
     repo_.progress_.reset();
 
-    std::unique_ptr<char[]> id(toResourceID(name.c_str(), ""));
+    std::unique_ptr<char[]> id(toResourceID(repo_.lockScope().c_str(), ""));
     // Keeps two maintenance passes (or a pass and an emptying) of this repository apart; the
     // destructor releases it on every way out, an exception included.
     SmartSemaphore repositoryLock(repo_.settings().isShared, id.get(), connection_);
@@ -363,7 +363,7 @@ bool KSOverloadRun::gatherUntried(KSMountPointHandler& mount, ResourceSet& globa
 KSOverloadRun::Deletion KSOverloadRun::deleteCandidate(const ResourceEntry& entry,
                                                        KSMountPointHandler& mount, bool oldEnough) {
     const KSRepositoryHandler::Settings& settings = repo_.settings();
-    KSTimedLock lock(settings.isShared, repo_.path(), entry.name, connection_);
+    KSTimedLock lock(settings.isShared, repo_.lockScope(), entry.name, connection_);
     if (!lock.acquire(verbose_)) return Deletion::Refused;
     // Gathering took no lock: a resource read or written since then is not deleted.
     if (lastAccess(entry.path.c_str(), nullptr) != entry.time) {
