@@ -19,6 +19,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <utility>
 #include <ctime>
 #include <thread>
 #include <vector>
@@ -84,6 +85,26 @@ double block(Body& body, const InterleaveOptions& options) {
 
 }  // namespace interleave_detail
 
+// The figures of finished rounds: median ratio with its middle half and range, and the median
+// time of each side.
+inline RatioFigures summarizeRounds(std::vector<double> ratios, std::vector<double> subjects,
+                                    std::vector<double> floors, int rounds) {
+    using interleave_detail::quantile;
+    std::sort(ratios.begin(), ratios.end());
+    std::sort(subjects.begin(), subjects.end());
+    std::sort(floors.begin(), floors.end());
+    RatioFigures figures;
+    figures.median = quantile(ratios, 0.5);
+    figures.p25 = quantile(ratios, 0.25);
+    figures.p75 = quantile(ratios, 0.75);
+    figures.min = ratios.front();
+    figures.max = ratios.back();
+    figures.subjectNs = quantile(subjects, 0.5);
+    figures.floorNs = quantile(floors, 0.5);
+    figures.rounds = rounds;
+    return figures;
+}
+
 // Runs one block of each closure per round, the floor first in even rounds and the subject
 // first in odd ones (so that neither always runs in the other's wake), after one untimed block
 // of each as warm-up.
@@ -110,19 +131,8 @@ RatioFigures interleavedRatio(Subject subject, Floor floor, InterleaveOptions op
         floors.push_back(floorNs);
         ratios.push_back(subjectNs / floorNs);
     }
-    std::sort(ratios.begin(), ratios.end());
-    std::sort(subjects.begin(), subjects.end());
-    std::sort(floors.begin(), floors.end());
-    RatioFigures figures;
-    figures.median = quantile(ratios, 0.5);
-    figures.p25 = quantile(ratios, 0.25);
-    figures.p75 = quantile(ratios, 0.75);
-    figures.min = ratios.front();
-    figures.max = ratios.back();
-    figures.subjectNs = quantile(subjects, 0.5);
-    figures.floorNs = quantile(floors, 0.5);
-    figures.rounds = options.rounds;
-    return figures;
+    return summarizeRounds(std::move(ratios), std::move(subjects), std::move(floors),
+                           options.rounds);
 }
 
 // Puts the figures into the benchmark's counters, where FloorRatioReporter finds them: xFloor (the median ratio), its quartiles and extremes, and the median times per call.

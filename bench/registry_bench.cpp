@@ -146,19 +146,7 @@ RatioFigures interleavedPerCall(const Subject& subject, const Floor& floor, int 
         subjects.push_back(s);
         floors.push_back(f);
     }
-    std::sort(ratios.begin(), ratios.end());
-    std::sort(subjects.begin(), subjects.end());
-    std::sort(floors.begin(), floors.end());
-    RatioFigures figures;
-    figures.median = quantile(ratios, 0.5);
-    figures.p25 = quantile(ratios, 0.25);
-    figures.p75 = quantile(ratios, 0.75);
-    figures.min = ratios.front();
-    figures.max = ratios.back();
-    figures.subjectNs = quantile(subjects, 0.5);
-    figures.floorNs = quantile(floors, 0.5);
-    figures.rounds = rounds;
-    return figures;
+    return summarizeRounds(std::move(ratios), std::move(subjects), std::move(floors), rounds);
 }
 
 constexpr long kCallsPerBlock = 100000;
