@@ -12,36 +12,9 @@
 #include "KSRepositoryHandler.h"
 #include "KSStatus.h"
 #include "RepoctlCommand.h"
+#include "RepoctlNames.h"
 
 namespace {
-
-struct BitName {
-    int bit;
-    const char* name;
-};
-
-const BitName kMountBits[] = {{MOUNT_REMIND, "remind"}, {MOUNT_WARN, "warn"},
-                              {MOUNT_WARN2, "warn2"},   {MOUNT_WARN3, "warn3"},
-                              {MOUNT_SWITCH, "switch"}, {MOUNT_FULL, "full"},
-                              {MOUNT_CLEAN, "clean"},   {MOUNT_MOVE, "move"},
-                              {MOUNT_DEAD, "dead"},     {MOUNT_HARDFULL, "hardfull"}};
-
-// On the repository the same bits read differently (see KSStatus.h).
-const BitName kRepositoryBits[] = {
-    {REPOSITORY_MISSING, "missing"}, {REPOSITORY_INCOMPLETE, "incomplete"},
-    {MOUNT_CLEAN, "full"},           {REPOSITORY_CANNOTMOVE, "cannotmove"},
-    {MOUNT_SWITCH, "switch"},        {MOUNT_WARN3, "warn3"},
-    {MOUNT_WARN2, "warn2"},          {MOUNT_WARN, "warn"},
-    {MOUNT_REMIND, "remind"}};
-
-template <size_t N>
-std::string bitNames(int status, const BitName (&names)[N]) {
-    std::string text;
-    for (const BitName& b : names) {
-        if (status & b.bit) text += (text.empty() ? "" : " ") + std::string(b.name);
-    }
-    return text.empty() ? "ok" : text;
-}
 
 bool isDirectory(const char* path) {
     struct stat st;
@@ -64,7 +37,7 @@ void printMount(KSRepositoryHandler& repo, KSMountPointHandler& mount) {
         "move %g  hardfull %g\n",
         s.remindLimit, s.warnLimit, s.warn2Limit, s.warn3Limit, c.switchLimit, c.fullLimit,
         c.cleanLimit, c.moveLimit, c.hardFullLimit);
-    printf("  status    0x%03x %s\n", status, bitNames(status, kMountBits).c_str());
+    printf("  status    0x%03x %s\n", status, statusText(status, StatusKind::kMount).c_str());
     printf("  dedicated %s\n", mount.dedicated() ? "yes" : "no");
     printf("  dead      %s\n", dead ? "yes" : "no");
     printf("  type      %s\n", c.fast ? "fast" : "normal");
@@ -89,7 +62,7 @@ int showRepository(const char* path) {
     printf("repository %s\n", repo->path().c_str());
     if (repo->isUnusable()) printf("  configuration could not be read (see the system log)\n");
     printf("  status    %d (0x%03x) %s\n", status, status,
-           bitNames(status, kRepositoryBits).c_str());
+           statusText(status, StatusKind::kRepository).c_str());
     printLockScope(*repo);
     printf("  mounts    %zu\n", repo->mounts().size());
     for (auto& mount : repo->mounts()) printMount(*repo, *mount);
