@@ -4,36 +4,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <exception>
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 
-#include "KSException.h"
 #include "KSRepositoryHandler.h"
 #include "RepoctlCommand.h"
+#include "RepoctlProgress.h"
 
 namespace {
 
 using Progress = KSRepositoryHandler::MaintenanceProgress;
-
-std::string bytesText(unsigned long long bytes) {
-    const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-    double value = static_cast<double>(bytes);
-    int unit = 0;
-    while (value >= 1024.0 && unit < 4) {
-        value /= 1024.0;
-        ++unit;
-    }
-    char text[32];
-    snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", value, units[unit]);
-    return text;
-}
 
 std::string counts(const Progress& p) {
     char text[160];
@@ -53,44 +36,14 @@ bool isDirectory(const char* path) {
     return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// Runs `work` in a second thread and redraws the progress line on standard error while it
-// runs (only when that is a terminal, so logs and pipes get the summary alone).
+// Runs `work` with the maintenance's counters as its progress line, then prints the summary.
 int withProgress(const char* command, KSRepositoryHandler& repo, const std::function<int()>& work) {
-    std::atomic<bool> done{false};
-    int result = 0;
-    std::exception_ptr error;
-    const auto start = std::chrono::steady_clock::now();
-    std::thread worker([&] {
-        try {
-            result = work();
-        } catch (...) {
-            error = std::current_exception();
-        }
-        done = true;
-    });
-    const bool terminal = isatty(STDERR_FILENO);
-    while (!done) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        if (terminal)
-            fprintf(stderr, "\r\033[K%s  mount %s", counts(repo.progress()).c_str(),
-                    currentMount(repo).c_str());
-    }
-    worker.join();
-    if (terminal) fprintf(stderr, "\r\033[K");
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    if (error) {
-        try {
-            std::rethrow_exception(error);
-        } catch (const KSException& e) {
-            fprintf(stderr, "repoctl %s: %s\n", command, e.toString().c_str());
-        } catch (const std::exception& e) {
-            fprintf(stderr, "repoctl %s: %s\n", command, e.what());
-        } catch (...) {
-            fprintf(stderr, "repoctl %s: unknown error\n", command);
-        }
-        return -1;
-    }
+    double seconds = 0;
+    const int result = runWithProgress(
+        command,
+        [&] { return counts(repo.progress()) + "  mount " + currentMount(repo); }, work,
+        false, &seconds);
+    if (result < 0) return result;
     printf("%s: %s in %.1f s\n", command, counts(repo.progress()).c_str(), seconds);
     fflush(stdout);
     return result;
