@@ -18,6 +18,7 @@ struct RepoctlCommand {
     const char* usage;    // "hash NAME...", without the program name
     const char* summary;  // one line for --help
     int (*run)(int argc, char** argv);
+    const char* details;  // the rest of `repoctl help NAME`: options, output, exit status; may be null
 };
 
 // Every registered command, in the order of registration. Registration happens during static
@@ -28,8 +29,8 @@ std::vector<RepoctlCommand>& repoctlCommands();
 class RepoctlRegistrar {
   public:
     RepoctlRegistrar(const char* name, const char* usage, const char* summary,
-                     int (*run)(int, char**)) {
-        repoctlCommands().push_back(RepoctlCommand{name, usage, summary, run});
+                     int (*run)(int, char**), const char* details = nullptr) {
+        repoctlCommands().push_back(RepoctlCommand{name, usage, summary, run, details});
     }
 };
 
