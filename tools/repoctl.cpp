@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <string>
 
 #include "KSException.h"
 #include "RepoctlCommand.h"
@@ -24,14 +25,17 @@ int repoctlUsage(const char* name) {
 namespace {
 
 void printHelp(FILE* out) {
-    fprintf(out, "usage: repoctl COMMAND [ARGUMENTS...]\n\ncommands:\n");
+    fprintf(out, "usage: repoctl COMMAND [ARGUMENTS...]\n       repoctl help [COMMAND]\n\ncommands:\n");
     int width = 0;
     for (const RepoctlCommand& command : repoctlCommands()) {
-        width = std::max(width, static_cast<int>(strlen(command.usage)));
+        width = std::max(width, static_cast<int>(strlen(command.name)));
     }
     for (const RepoctlCommand& command : repoctlCommands()) {
-        fprintf(out, "  %-*s  %s\n", width, command.usage, command.summary);
+        fprintf(out, "  %-*s  %s\n", width, command.name, command.summary);
     }
+    fprintf(out,
+            "\nExit status: 0 success, 1 the operation answered with a failure status, 2 usage "
+            "error.\nSee repoctl help COMMAND for a command's arguments, options and output.\n");
 }
 
 const RepoctlCommand* findCommand(const char* name) {
@@ -41,22 +45,50 @@ const RepoctlCommand* findCommand(const char* name) {
     return nullptr;
 }
 
+void printCommandHelp(const RepoctlCommand& command) {
+    printf("usage: repoctl %s\n\n%s.\n", command.usage, command.summary);
+    if (command.details != nullptr) printf("\n%s", command.details);
+}
+
+// repoctl help [COMMAND]
+int help(int argc, char** argv) {
+    if (argc == 2) {
+        printHelp(stdout);
+        return 0;
+    }
+    const RepoctlCommand* command = argc == 3 ? findCommand(argv[2]) : nullptr;
+    if (command == nullptr) {
+        fprintf(stderr, "repoctl help: %s\nusage: repoctl help [COMMAND]\n",
+                argc == 3 ? (std::string("unknown command \"") + argv[2] + "\"").c_str()
+                          : "at most one command name expected");
+        return 2;
+    }
+    printCommandHelp(*command);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc < 2) {
+        fprintf(stderr, "repoctl: no command given\n");
         printHelp(stderr);
         return 2;
     }
     if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0 ||
         strcmp(argv[1], "help") == 0) {
-        printHelp(stdout);
-        return 0;
+        return help(argc, argv);
     }
     const RepoctlCommand* command = findCommand(argv[1]);
     if (command == nullptr) {
-        fprintf(stderr, "repoctl: unknown command \"%s\" (see repoctl --help)\n", argv[1]);
+        fprintf(stderr, "repoctl: unknown command \"%s\" (see repoctl help)\n", argv[1]);
         return 2;
+    }
+    for (int i = 2; i < argc; ++i) {
+        if (strcmp(argv[i], "--help") == 0) {
+            printCommandHelp(*command);
+            return 0;
+        }
     }
     try {
         return command->run(argc - 1, argv + 1);
