@@ -13,9 +13,9 @@ struct CodeName {
 };
 
 const CodeName kCodes[] = {
-    {RESOURCE_STATUS_FOUND, "found"},         {RESOURCE_STATUS_DIRTY, "dirty"},
-    {RESOURCE_STATUS_CONFLICT, "conflict"},   {RESOURCE_STATUS_MISSING, "missing"},
-    {RESOURCE_STATUS_ERRONEOUS, "erroneous"}, {RESOURCE_STATUS_LOCK_FAILED, "lockFailed"},
+    {RESOURCE_STATUS_FOUND, "found"},           {RESOURCE_STATUS_DIRTY, "dirty"},
+    {RESOURCE_STATUS_CONFLICT, "conflict"},     {RESOURCE_STATUS_MISSING, "missing"},
+    {RESOURCE_STATUS_ERRONEOUS, "erroneous"},   {RESOURCE_STATUS_LOCK_FAILED, "lockFailed"},
     {RESOURCE_STATUS_NOT_PRESENT, "notPresent"}};
 
 // 36 (not present) never occurs in removal results, so every bit there has one name.

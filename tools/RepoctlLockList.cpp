@@ -116,9 +116,8 @@ void RepoctlLockList::loadRows(kelp::db::DBConnector* connector) {
     }
     const std::string sql =
         "SELECT LCKRESOURCE, LCKACTOR, UNIX_TIMESTAMP(LCKTIME), UNIX_TIMESTAMP() FROM " +
-        std::string(table) + " WHERE LEFT(LCKRESOURCE, " +
-        std::to_string(resourcePrefix_.size()) + ") = " + hexLiteral(resourcePrefix_) +
-        " OR LCKRESOURCE = " + hexLiteral(dirtyId_);
+        std::string(table) + " WHERE LEFT(LCKRESOURCE, " + std::to_string(resourcePrefix_.size()) +
+        ") = " + hexLiteral(resourcePrefix_) + " OR LCKRESOURCE = " + hexLiteral(dirtyId_);
     std::vector<std::vector<kelp::db::SqlField>> rows;
     try {
         std::unique_ptr<kelp::db::RawQueryDB> raw(connector->createRawQuery());
@@ -151,8 +150,7 @@ void RepoctlLockList::loadRows(kelp::db::DBConnector* connector) {
 // the lock's name and succeeds), and only when the renamed file is the one listed (same inode)
 // is it deleted. Otherwise it was a new take: it is renamed back without replacing anything
 // (link, which fails rather than replace a third take's file).
-bool RepoctlLockList::remove(const Lock& lock, kelp::db::DBConnector* connector,
-                             std::string& why) {
+bool RepoctlLockList::remove(const Lock& lock, kelp::db::DBConnector* connector, std::string& why) {
     if (lock.row) {
         try {
             if (connector != nullptr && connector->lockDB()->releaseLockOf(lock.id, lock.holder))

@@ -27,16 +27,16 @@ class DBConnector;
 class RepoctlLockList {
   public:
     struct Lock {
-        bool row = false;       // a lock-table row; else a lock file
-        std::string id;         // the lock id, "KSRepositoryHandler-..."
-        std::string what;       // "resource", "maintenance" or "dirtySet"
-        std::string resource;   // the resource held, for "resource"
-        std::string file;       // the lock file's path (files)
-        long long since = 0;    // taken at, seconds since the epoch
-        long long age = 0;      // seconds
-        std::string holder;     // rows: the holder's token (LCKACTOR)
-        std::string liveness;   // rows: KSLockToken::describe of the holder; files: "unknown"
-        ino_t inode = 0;        // files: the file listed
+        bool row = false;      // a lock-table row; else a lock file
+        std::string id;        // the lock id, "KSRepositoryHandler-..."
+        std::string what;      // "resource", "maintenance" or "dirtySet"
+        std::string resource;  // the resource held, for "resource"
+        std::string file;      // the lock file's path (files)
+        long long since = 0;   // taken at, seconds since the epoch
+        long long age = 0;     // seconds
+        std::string holder;    // rows: the holder's token (LCKACTOR)
+        std::string liveness;  // rows: KSLockToken::describe of the holder; files: "unknown"
+        ino_t inode = 0;       // files: the file listed
     };
 
     explicit RepoctlLockList(KSRepositoryHandler& repo);

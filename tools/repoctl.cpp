@@ -25,7 +25,8 @@ int repoctlUsage(const char* name) {
 namespace {
 
 void printHelp(FILE* out) {
-    fprintf(out, "usage: repoctl COMMAND [ARGUMENTS...]\n       repoctl help [COMMAND]\n\ncommands:\n");
+    fprintf(out,
+            "usage: repoctl COMMAND [ARGUMENTS...]\n       repoctl help [COMMAND]\n\ncommands:\n");
     int width = 0;
     for (const RepoctlCommand& command : repoctlCommands()) {
         width = std::max(width, static_cast<int>(strlen(command.name)));

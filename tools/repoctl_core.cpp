@@ -190,7 +190,8 @@ int runMountInOut(int argc, char** argv, bool in) {
     char* end = nullptr;
     const long value = strtol(index.c_str(), &end, 10);
     if (end == index.c_str() || *end != '\0' || value < 0 || value > 1000000)
-        return repoctlUsageError(argv[0], "INDEX must be a mount number from 0, not \"" + index + "\"");
+        return repoctlUsageError(argv[0],
+                                 "INDEX must be a mount number from 0, not \"" + index + "\"");
     const std::string& path = args.positional()[0];
     const int result = MountUnmount_(path.c_str(), static_cast<int>(value), in, nullptr);
     if (args.has("--json")) {
@@ -233,8 +234,11 @@ int runSetup(int argc, char** argv) {
     const int status = repo->checkRepositoryStatus();
     if (args.has("--json")) {
         JsonWriter out(stdout);
-        out.beginObject().field("repository", path).field("checkedAt", static_cast<long long>(checked));
-        out.field("usable", !repo->isUnusable()).field("mounts", static_cast<unsigned long>(repo->mounts().size()));
+        out.beginObject()
+            .field("repository", path)
+            .field("checkedAt", static_cast<long long>(checked));
+        out.field("usable", !repo->isUnusable())
+            .field("mounts", static_cast<unsigned long>(repo->mounts().size()));
         out.key("status");
         writeStatusJson(out, status, StatusKind::kRepository);
         out.endObject().finish();
@@ -269,7 +273,8 @@ int runList(int argc, char** argv) {
         out.endArray().endObject().finish();
     } else {
         for (long i = 0; i < count; ++i) printf("%s\n", list[i]);
-        fprintf(stderr, "%ld %s\n", count, args.has("--files") ? "files" : "resources");
+        fprintf(stderr, "%ld %s%s\n", count, args.has("--files") ? "file" : "resource",
+                count == 1 ? "" : "s");
     }
     return 0;
 }
@@ -293,7 +298,8 @@ int runEmpty(int argc, char** argv) {
 RepoctlRegistrar statusCommand(
     "status", "status REPO... [--json]", "show the mounts, fill levels and status of repositories",
     &runStatus,
-    "For each repository: its status (bits by number and name: 256 missing, 128 incomplete,\n"
+    "For each repository: its status (getRepositoryStatus_; bits by number and name: 256 missing, "
+    "128 incomplete,\n"
     "64 full, 32 cannotmove, 16 switch, 8 warn3, 4 warn2, 2 warn, 1 remind), the lock scope,\n"
     "and every mount with its used percentage, limits, status bits (1 remind, 2 warn, 4 warn2,\n"
     "8 warn3, 16 switch, 32 full, 64 clean, 128 move, 256 dead, 512 hardfull) and type.\n"
@@ -332,8 +338,8 @@ RepoctlRegistrar setupCommand(
     "configuration cannot be read.\n"
     "--json: {repository, checkedAt, usable, mounts, status: {value, names}}.\n");
 RepoctlRegistrar listCommand(
-    "list", "list REPO [--files] [--legacy] [--json]",
-    "list the resources of every live mount", &runList,
+    "list", "list REPO [--files] [--legacy] [--json]", "list the resources of every live mount",
+    &runList,
     "Prints the names of the resource directories of every live mount, sorted, each once\n"
     "(listDirs_); --files lists plain files at resource level instead (listFiles_); --legacy\n"
     "adds the entries of the legacy directory. The count goes to standard error.\n"

@@ -3,13 +3,16 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "DBConnector.h"
 #include "DBException.h"
+#include "JsonWriter.h"
 #include "RawQueryDB.h"
+#include "RepoctlArgs.h"
 #include "RepoctlCommand.h"
 
 namespace {
@@ -23,10 +26,11 @@ const char* envOrNull(const char* name) {
     return getenv(name);
 }
 
+const char* const kVariables[] = {"DBNAME",     "MED_USER",       "MYSQL_UNIX_PORT",
+                                  "MYSQL_HOST", "MYSQL_TCP_PORT", "CONF"};
+
 void printEnvironment() {
-    const char* names[] = {"DBNAME",     "MED_USER",       "MYSQL_UNIX_PORT",
-                           "MYSQL_HOST", "MYSQL_TCP_PORT", "CONF"};
-    for (const char* name : names) {
+    for (const char* name : kVariables) {
         const char* value = envOrNull(name);
         printf("%-16s %s\n", name, value ? value : "(not set)");
     }
@@ -58,48 +62,100 @@ std::string firstValue(RawQueryDB& raw, const std::string& sql) {
     return rows.empty() || rows[0].empty() ? "" : rows[0][0].value();
 }
 
-// Prints one line per table; returns whether it exists.
-bool checkTable(RawQueryDB& raw, const char* variable, const char* name) {
-    const char* label = variable ? variable : "time limits";
-    if (!name) {
-        printf("%-16s (not set)\n", label);
-        return false;
-    }
+// What db-check found about one table.
+struct TableCheck {
+    std::string label;  // the variable naming it, or "time limits"
+    std::string name;   // empty when the variable is not set
+    const char* state;  // "present", "missing", "notSet", "notPlain"
+};
+
+TableCheck checkTable(RawQueryDB& raw, const char* variable, const char* name) {
+    TableCheck check{variable ? variable : "time limits", name ? name : "", "notSet"};
+    if (!name) return check;
     if (!isPlainIdentifier(name)) {
-        printf("%-16s %s: not a plain table name\n", label, name);
-        return false;
+        check.state = "notPlain";
+        return check;
     }
-    bool exists = firstValue(raw,
-                             "SELECT COUNT(*) FROM information_schema.TABLES WHERE "
-                             "TABLE_SCHEMA=DATABASE() AND TABLE_NAME='" +
-                                 std::string(name) + "'") != "0";
-    printf("%-16s %s: %s\n", label, name, exists ? "present" : "missing");
-    return exists;
+    const bool exists = firstValue(raw,
+                                   "SELECT COUNT(*) FROM information_schema.TABLES WHERE "
+                                   "TABLE_SCHEMA=DATABASE() AND TABLE_NAME='" +
+                                       std::string(name) + "'") != "0";
+    check.state = exists ? "present" : "missing";
+    return check;
 }
 
+void printTable(const TableCheck& t) {
+    if (t.name.empty()) {
+        printf("%-16s (not set)\n", t.label.c_str());
+    } else if (strcmp(t.state, "notPlain") == 0) {
+        printf("%-16s %s: not a plain table name\n", t.label.c_str(), t.name.c_str());
+    } else {
+        printf("%-16s %s: %s\n", t.label.c_str(), t.name.c_str(), t.state);
+    }
+}
+
+void writeJson(const std::string& version, const std::vector<TableCheck>& tables, bool all) {
+    JsonWriter out(stdout);
+    out.beginObject().key("environment").beginObject();
+    for (const char* name : kVariables) {
+        out.key(name);
+        const char* value = envOrNull(name);
+        value ? out.value(value) : out.null();
+    }
+    out.endObject().field("connected", true).field("serverVersion", version);
+    out.key("tables").beginArray();
+    for (const TableCheck& t : tables) {
+        out.beginObject().field("variable", t.label).key("name");
+        t.name.empty() ? out.null() : out.value(t.name);
+        out.field("state", t.state).endObject();
+    }
+    out.endArray().field("complete", all).endObject().finish();
+}
+
+// repoctl db-check [--json]
 int runDbCheck(int argc, char** argv) {
-    if (argc != 1) return repoctlUsage(argv[0]);
-    printEnvironment();
+    RepoctlArgs args(argc, argv, {"--json"});
+    if (!args.ok()) return repoctlUsageError(argv[0], args.error());
+    if (!args.positional().empty()) return repoctlUsageError(argv[0], "takes no arguments");
+    const bool json = args.has("--json");
+    if (!json) printEnvironment();
     std::unique_ptr<DBConnector> connector(DBConnector::createConnector(false));
     std::unique_ptr<RawQueryDB> raw;
     try {
         raw.reset(connector->createRawQuery());
-        printf("server version   %s\n", firstValue(*raw, "SELECT VERSION()").c_str());
+        const std::string version = firstValue(*raw, "SELECT VERSION()");
+        if (!json) printf("server version   %s\n", version.c_str());
         bool all = true;
+        std::vector<TableCheck> tables;
         for (const char* variable : {"NVLOCKTBL", "SESSIONTBL", "REFCOUNTTBL", "OBJECTTBL"})
-            all &= checkTable(*raw, variable, envOrNull(variable));
-        all &= checkTable(*raw, nullptr, "QueryTimeLimit");
+            tables.push_back(checkTable(*raw, variable, envOrNull(variable)));
+        tables.push_back(checkTable(*raw, nullptr, "QueryTimeLimit"));
+        for (const TableCheck& t : tables) {
+            all &= strcmp(t.state, "present") == 0;
+            if (!json) printTable(t);
+        }
+        if (json) writeJson(version, tables, all);
         return all ? 0 : 1;
-    } catch (const DBException& e) {
-        explainConnectFailure(e.what());
     } catch (const std::exception& e) {
         explainConnectFailure(e.what());
+        if (json) {
+            JsonWriter out(stdout);
+            out.beginObject().field("connected", false).field("error", e.what());
+            out.endObject().finish();
+        }
     }
     return 1;
 }
 
-RepoctlRegistrar dbCheckCommand("db-check", "db-check",
-                                "connect to the database of the environment and check its tables",
-                                &runDbCheck);
+RepoctlRegistrar dbCheckCommand(
+    "db-check", "db-check [--json]",
+    "connect to the database of the environment and check its tables", &runDbCheck,
+    "Connects as the library does, from the environment (DBNAME, MED_USER, MYSQL_UNIX_PORT or\n"
+    "MYSQL_HOST and MYSQL_TCP_PORT, CONF), prints the server version and whether each table\n"
+    "named by NVLOCKTBL, SESSIONTBL, REFCOUNTTBL and OBJECTTBL, and QueryTimeLimit, exists.\n"
+    "Exit status 1 when the connection fails or a table is missing or not set.\n"
+    "--json: {environment: {DBNAME, ...}, connected, serverVersion, tables: [{variable, name,\n"
+    "state (\"present\", \"missing\", \"notSet\", \"notPlain\")}], complete}, or\n"
+    "{connected: false, error} when the connection fails.\n");
 
 }  // namespace

@@ -28,8 +28,7 @@ std::string identity(const std::string& repository, const std::string& resource)
 // Checks REPO NAME; -1 when the command may go on, else its exit code.
 int checkResourceArguments(const char* command, const RepoctlArgs& args) {
     if (!args.ok()) return repoctlUsageError(command, args.error());
-    if (args.positional().size() != 2)
-        return repoctlUsageError(command, "expected REPO NAME");
+    if (args.positional().size() != 2) return repoctlUsageError(command, "expected REPO NAME");
     return isRepositoryDirectory(command, args.positional()[0]) ? -1 : 1;
 }
 
@@ -41,8 +40,8 @@ int runLockOrUnlock(int argc, char** argv, bool lock) {
     const std::string& name = args.positional()[1];
     const int result = lock ? lockResource_(repo.c_str(), name.c_str(), nullptr)
                             : unlockResource_(repo.c_str(), name.c_str(), nullptr);
-    const char* word = result == 1 ? (lock ? "locked" : "unlocked")
-                                   : (lock ? "not locked" : "not unlocked");
+    const char* word =
+        result == 1 ? (lock ? "locked" : "unlocked") : (lock ? "not locked" : "not unlocked");
     if (args.has("--json")) {
         JsonWriter out(stdout);
         out.beginObject().field("repository", repo).field("resource", name);
@@ -81,8 +80,7 @@ int listDirty(const std::string& repository, bool json) {
     return 0;
 }
 
-int changeDirty(const std::string& repository, const std::string& resource, bool dirty,
-                bool json) {
+int changeDirty(const std::string& repository, const std::string& resource, bool dirty, bool json) {
     setDirty_(repository.c_str(), resource.c_str(), dirty, nullptr);
     const int now = isDirty_(repository.c_str(), resource.c_str(), nullptr);
     if (json) {
@@ -100,7 +98,8 @@ int runDirty(int argc, char** argv) {
     RepoctlArgs args(argc, argv, {"--json"});
     if (!args.ok()) return repoctlUsageError(argv[0], args.error());
     const auto& p = args.positional();
-    if (p.size() != 1 && p.size() != 3) return repoctlUsageError(argv[0], "expected REPO [set|clear NAME]");
+    if (p.size() != 1 && p.size() != 3)
+        return repoctlUsageError(argv[0], "expected REPO [set|clear NAME]");
     if (p.size() == 3 && p[1] != "set" && p[1] != "clear")
         return repoctlUsageError(argv[0], "\"" + p[1] + "\" is neither set nor clear");
     if (!isRepositoryDirectory(argv[0], p[0])) return 1;
@@ -134,8 +133,8 @@ int runLocks(int argc, char** argv) {
     long long olderThan = 0;
     const char* duration = args.value("--older-than");
     if (duration && !parseDuration(duration, olderThan))
-        return repoctlUsageError(argv[0], std::string("\"") + duration +
-                                              "\" is no duration (90s, 15m, 2h, 7d)");
+        return repoctlUsageError(
+            argv[0], std::string("\"") + duration + "\" is no duration (90s, 15m, 2h, 7d)");
     if (args.has("--remove") && !duration)
         return repoctlUsageError(argv[0], "--remove needs --older-than");
     const std::string& path = args.positional()[0];
@@ -189,7 +188,8 @@ RepoctlRegistrar lockCommand(
     "take the lock of a resource and keep it after the command ends", &runLock,
     "Takes the resource's lock (lockResource_: a lock row for shared repositories, a lock file\n"
     "in LOCK_VAR otherwise) and keeps it. Prints the lock id and 1 (locked) or 0 (not locked\n"
-    "within 30 seconds; exit status 1).\n--json: {repository, resource, lockId, result, locked}.\n");
+    "within 30 seconds; exit status 1).\n--json: {repository, resource, lockId, result, "
+    "locked}.\n");
 RepoctlRegistrar unlockCommand(
     "unlock", "unlock REPO NAME [--json]", "give back the lock of a resource, whoever took it",
     &runUnlock,
@@ -204,8 +204,7 @@ RepoctlRegistrar dirtyCommand(
     "--json: {repository, file, count, names} for the list; {repository, resource, dirty}.\n");
 RepoctlRegistrar locksCommand(
     "locks", "locks REPO [--older-than DURATION [--remove]] [--json]",
-    "list the repository's lock files and lock rows with their age; remove stale ones",
-    &runLocks,
+    "list the repository's lock files and lock rows with their age; remove stale ones", &runLocks,
     "Lists the lock files of the repository in $LOCK_VAR (semaphore_KSRepositoryHandler-...)\n"
     "and, for a shared repository, its rows of the lock table (NVLOCKTBL), oldest first: their\n"
     "age in seconds, what they hold (a resource, the maintenance lock, the dirty set's lock),\n"
