@@ -107,9 +107,16 @@ int runFreeMount(int argc, char** argv) {
 
 RepoctlRegistrar checkOverloadCommand(
     "check-overload", "check-overload REPO [--night] [--verbose]",
-    "move or delete the oldest resources of every mount past its move limit", &runCheckOverload);
+    "move or delete the oldest resources of every mount past its move limit", &runCheckOverload,
+    "One maintenance pass over the mounts in configuration order, under the repository's\n"
+    "maintenance lock (checkOverload_): resources are moved off mounts past their move limit and\n"
+    "deleted from full mounts of a clearable repository, oldest first. --night lowers the limits\n"
+    "of night-managed mounts first; --verbose prints each step. Prints the counts at the end.\n");
 RepoctlRegistrar freeMountCommand("free-mount", "free-mount REPO MOUNT [--verbose]",
                                   "move every resource off one mount onto the others",
-                                  &runFreeMount);
+                                  &runFreeMount,
+                                  "Moves every resource off MOUNT onto the other mounts (freeMount_).\n"
+                                  "Exit status 0 when nothing is left on it, 1 when resources stayed\n"
+                                  "or the emptying could not begin. --verbose prints each step.\n");
 
 }  // namespace

@@ -228,6 +228,15 @@ RepoctlRegistrar findCommand(
     "[--offset N] [--time-limit S] KEY=VALUE...",
     "search the database with DICOM matching keys (keyword or tag, e.g. PatientName=SMITH*); "
     "the mapping comes from --mapping or QUERY_MAPPING",
-    &runFind);
+    &runFind,
+    "Keys are keywords of the mapping or eight-digit tags; SEQUENCE.ITEMKEY=VALUE adds a key to\n"
+    "a sequence's item. Prints every mapped attribute of the level and the levels above it, tab\n"
+    "separated, one row per entity. --repository REPO adds each study's location in REPO (the\n"
+    "Study Instance UID is looked up without touching it). --ci matches person names without\n"
+    "case, --empty lets an empty value match, --combined matches a date and its time together,\n"
+    "--timezone &ZZXX gives the offset of the values, --limit and --offset page the answer,\n"
+    "--time-limit S stops the query on the server after S seconds (default 30).\n"
+    "--json: an array with one object per row, keyed by the attributes' keywords (and\n"
+    "Location). Exit status 1 when the search fails, 2 for a usage error.\n");
 
 }  // namespace
