@@ -26,8 +26,8 @@ JsonValue jsonOf(const std::vector<std::string>& arguments, const Env& env, int 
     EXPECT_EQ(run.code, expectedCode) << arguments[0] << ": " << run.err << run.out;
     JsonValue value;
     std::string error;
-    EXPECT_TRUE(JsonValue::parse(run.out, value, error))
-        << arguments[0] << ": " << error << "\n" << run.out;
+    EXPECT_TRUE(JsonValue::parse(run.out, value, error)) << arguments[0] << ": " << error << "\n"
+                                                         << run.out;
     return value;
 }
 
@@ -45,9 +45,7 @@ bool isDirectory(const std::string& path) {
 // A repository of plain folders with lock files and state of its own.
 class RepoctlJson : public ::testing::Test {
   protected:
-    RepoctlJson() {
-        env = {{"LOCK_VAR", state.mkdir("locks")}, {"VAR", state.mkdir("var")}};
-    }
+    RepoctlJson() { env = {{"LOCK_VAR", state.mkdir("locks")}, {"VAR", state.mkdir("var")}}; }
     TempTree state;
     Env env;
 };
@@ -152,7 +150,8 @@ TEST_F(RepoctlJson, resourceCommandsAnswerWithTheirStatusByNameAndNumber) {
     EXPECT_EQ(strings(jsonOf({"list", r}, env, 0)["names"]), std::vector<std::string>{"s1"});
 
     doc = jsonOf({"unage", r, "s1"}, env, 0);
-    EXPECT_EQ(doc["location"].string().rfind(repo.mountPath(2) + "/", 0), 0u) << doc["location"].string();
+    EXPECT_EQ(doc["location"].string().rfind(repo.mountPath(2) + "/", 0), 0u)
+        << doc["location"].string();
     EXPECT_TRUE(jsonOf({"unage", r, "nothing"}, env, 1)["location"].isNull());
     doc = jsonOf({"legacy", r, "old1"}, env, 0);
     EXPECT_TRUE(doc["created"].boolean());
