@@ -99,7 +99,8 @@ void RepoctlLockList::loadFiles() {
         // A lock released since the directory was read is no lock any more.
         if (lstat(lock.file.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
         lock.inode = st.st_ino;
-        lock.since = st.st_mtime;
+        lock.since = st.st_mtim.tv_sec;
+        lock.sinceNanos = st.st_mtim.tv_nsec;
         lock.age = std::max(0LL, now - lock.since);
         lock.liveness = KSLockToken::describe(KSLockToken::Liveness::Unknown);
         locks_.push_back(lock);
@@ -147,8 +148,10 @@ void RepoctlLockList::loadRows(kelp::db::DBConnector* connector) {
 // A lock file has no token: its holder may release it and another take it again between the
 // listing and the removal, and unlink() by name would remove the new take. So the file is
 // first renamed to a name of this process (atomic: a new take then creates a new file under
-// the lock's name and succeeds), and only when the renamed file is the one listed (same inode)
-// is it deleted. Otherwise it was a new take: it is renamed back without replacing anything
+// the lock's name and succeeds), and only when the renamed file is the one listed (same inode
+// and the same modification time to the nanosecond: an inode number is reused soon after a
+// file is deleted, but a new take's file is created now, not when the listed one was) is it
+// deleted. Otherwise it was a new take: it is renamed back without replacing anything
 // (link, which fails rather than replace a third take's file).
 bool RepoctlLockList::remove(const Lock& lock, kelp::db::DBConnector* connector, std::string& why) {
     if (lock.row) {
@@ -167,7 +170,8 @@ bool RepoctlLockList::remove(const Lock& lock, kelp::db::DBConnector* connector,
         return false;
     }
     struct stat st;
-    if (lstat(aside.c_str(), &st) == 0 && st.st_ino == lock.inode) {
+    if (lstat(aside.c_str(), &st) == 0 && st.st_ino == lock.inode &&
+        st.st_mtim.tv_sec == lock.since && st.st_mtim.tv_nsec == lock.sinceNanos) {
         if (unlink(aside.c_str()) == 0) return true;
         why = errnoText(errno);
         return false;

@@ -36,7 +36,8 @@ class RepoctlLockList {
         long long age = 0;     // seconds
         std::string holder;    // rows: the holder's token (LCKACTOR)
         std::string liveness;  // rows: KSLockToken::describe of the holder; files: "unknown"
-        ino_t inode = 0;       // files: the file listed
+        ino_t inode = 0;       // files: the file listed, by inode and modification time
+        long sinceNanos = 0;
     };
 
     explicit RepoctlLockList(KSRepositoryHandler& repo);
