@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 
@@ -81,4 +82,15 @@ bool isRepositoryDirectory(const char* command, const std::string& path) {
     if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return true;
     fprintf(stderr, "repoctl %s: no repository directory \"%s\"\n", command, path.c_str());
     return false;
+}
+
+std::function<std::string()> elapsedLine(const std::string& what) {
+    const auto start = std::chrono::steady_clock::now();
+    return [what, start] {
+        const double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        char text[32];
+        snprintf(text, sizeof text, "  %.1f s", seconds);
+        return what + text;
+    };
 }

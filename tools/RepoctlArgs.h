@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -45,3 +46,7 @@ bool parseDuration(const std::string& text, long long& seconds);
 // True when `path` is a directory; otherwise prints
 // "repoctl COMMAND: no repository directory "PATH"" and answers false.
 bool isRepositoryDirectory(const char* command, const std::string& path);
+
+// A progress line for runWithProgress where the library counts nothing: "WHAT  12.3 s" with the
+// time since this call.
+std::function<std::string()> elapsedLine(const std::string& what);

@@ -31,8 +31,13 @@ void printHelp(FILE* out) {
     for (const RepoctlCommand& command : repoctlCommands()) {
         width = std::max(width, static_cast<int>(strlen(command.name)));
     }
-    for (const RepoctlCommand& command : repoctlCommands()) {
-        fprintf(out, "  %-*s  %s\n", width, command.name, command.summary);
+    std::vector<const RepoctlCommand*> sorted;
+    for (const RepoctlCommand& command : repoctlCommands()) sorted.push_back(&command);
+    std::sort(sorted.begin(), sorted.end(), [](const RepoctlCommand* a, const RepoctlCommand* b) {
+        return strcmp(a->name, b->name) < 0;
+    });
+    for (const RepoctlCommand* command : sorted) {
+        fprintf(out, "  %-*s  %s\n", width, command->name, command->summary);
     }
     fprintf(out,
             "\nExit status: 0 success, 1 the operation answered with a failure status, 2 usage "

@@ -17,6 +17,7 @@
 #include "RepoctlArgs.h"
 #include "RepoctlCommand.h"
 #include "RepoctlNames.h"
+#include "RepoctlProgress.h"
 
 namespace {
 
@@ -259,9 +260,17 @@ int runList(int argc, char** argv) {
     if (code >= 0) return code;
     const std::string& path = args.positional()[0];
     long count = 0;
-    char** list = args.has("--files")
-                      ? listFiles_(path.c_str(), &count, args.has("--legacy"), nullptr)
-                      : listDirs_(path.c_str(), &count, args.has("--legacy"), nullptr);
+    char** list = nullptr;
+    const int walked = runWithProgress(
+        argv[0], elapsedLine("listing " + path),
+        [&] {
+            list = args.has("--files")
+                       ? listFiles_(path.c_str(), &count, args.has("--legacy"), nullptr)
+                       : listDirs_(path.c_str(), &count, args.has("--legacy"), nullptr);
+            return 0;
+        },
+        args.has("--json"), nullptr);
+    if (walked < 0) return 1;
     std::unique_ptr<char*, std::function<void(char**)>> owner(
         list, [count](char** l) { releaseList_(l, count); });
     if (args.has("--json")) {
@@ -287,7 +296,14 @@ int runEmpty(int argc, char** argv) {
     if (!args.has("--yes"))
         return repoctlUsageError(argv[0], "removes every resource: confirm with --yes");
     const std::string& path = args.positional()[0];
-    makeEmpty_(path.c_str(), nullptr);
+    const int emptied = runWithProgress(
+        argv[0], elapsedLine("emptying " + path),
+        [&] {
+            makeEmpty_(path.c_str(), nullptr);
+            return 0;
+        },
+        false, nullptr);
+    if (emptied < 0) return 1;
     long count = 0;
     char** left = listDirs_(path.c_str(), &count, true, nullptr);
     releaseList_(left, count);

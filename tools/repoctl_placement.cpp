@@ -15,6 +15,7 @@
 #include "RepoctlArgs.h"
 #include "RepoctlCodes.h"
 #include "RepoctlCommand.h"
+#include "RepoctlProgress.h"
 #include "repohandler.h"
 
 namespace {
@@ -235,7 +236,15 @@ int runUnAge(int argc, char** argv) {
     if (!resourceArguments(argv[0], args, 2, code)) return code;
     const std::string& repo = args.positional()[0];
     const std::string& name = args.positional()[1];
-    LibraryText moved = own(unAge_(repo.c_str(), name.c_str(), nullptr));
+    LibraryText moved = own(nullptr);
+    const int done = runWithProgress(
+        argv[0], elapsedLine("moving " + name + " onto a fast mount"),
+        [&] {
+            moved = own(unAge_(repo.c_str(), name.c_str(), nullptr));
+            return 0;
+        },
+        args.has("--json"), nullptr);
+    if (done < 0) return 1;
     if (!moved && !args.has("--json"))
         fprintf(stderr, "repoctl %s: \"%s\" was not moved onto a fast mount\n", argv[0],
                 name.c_str());

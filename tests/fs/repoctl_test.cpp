@@ -117,13 +117,6 @@ TEST(RepoctlTest, hashPrintsTheHashedLocationOfEachSafeName) {
     EXPECT_TRUE(contains(run.output, "\"\" is not a resource name")) << run.output;
 }
 
-TEST(RepoctlTest, helpListsTheRegisteredCommands) {
-    const CommandResult run = repoctl("--help");
-    EXPECT_EQ(run.code, 0);
-    EXPECT_TRUE(contains(run.output, "  status REPO...")) << run.output;
-    EXPECT_TRUE(contains(run.output, "  hash NAME...")) << run.output;
-}
-
 TEST(RepoctlTest, givebackRestoresTheMountsTakenOut) {
     ScratchRepository repo;
     repo.addMount("p1");
