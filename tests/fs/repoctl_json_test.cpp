@@ -24,6 +24,8 @@ JsonValue jsonOf(const std::vector<std::string>& arguments, const Env& env, int 
     withJson.push_back("--json");
     const RepoctlRun run = runRepoctl(withJson, env);
     EXPECT_EQ(run.code, expectedCode) << arguments[0] << ": " << run.err << run.out;
+    // No progress line: standard error is no terminal here, and --json keeps it quiet anyway.
+    EXPECT_EQ(run.err.find_first_of("\r\033"), std::string::npos) << run.err;
     JsonValue value;
     std::string error;
     EXPECT_TRUE(JsonValue::parse(run.out, value, error)) << arguments[0] << ": " << error << "\n"
