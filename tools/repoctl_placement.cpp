@@ -187,12 +187,15 @@ int runTimes(int argc, char** argv) {
         return repoctlUsageError(argv[0], "--now excludes --set-access and --set-modified");
     const std::string& repo = args.positional()[0];
     const std::string& name = args.positional()[1];
+    time_t newAccess = 0, newModified = 0;
+    if ((access && !parseEpoch(access, newAccess)) ||
+        (modified && !parseEpoch(modified, newModified)))
+        return repoctlUsageError(argv[0], "times are seconds since the epoch");
     struct utimbuf times = {0, 0};
     bool found = getTimeProperties_(repo.c_str(), name.c_str(), &times, nullptr) == 1;
     if (found && (access || modified || args.has("--now"))) {
-        if ((access && !parseEpoch(access, times.actime)) ||
-            (modified && !parseEpoch(modified, times.modtime)))
-            return repoctlUsageError(argv[0], "times are seconds since the epoch");
+        if (access) times.actime = newAccess;
+        if (modified) times.modtime = newModified;
         found = setTimeProperties_(repo.c_str(), name.c_str(), args.has("--now") ? nullptr : &times,
                                    nullptr) &&
                 getTimeProperties_(repo.c_str(), name.c_str(), &times, nullptr) == 1;
@@ -301,8 +304,9 @@ RepoctlRegistrar locateCommand(
     "locate", "locate REPO NAME [--mount MOUNT] [--touch] [--json]",
     "find a resource (locked, merging duplicates) and print its status", &runLocate,
     "Looks the resource up under its lock, with the information callback, merging copies found\n"
-    "on several mounts (getLocation_). With --mount MOUNT only that mount (its directory name or\n"
-    "path) is looked at (getLocationOnMount_). --touch sets the access time of the location.\n"
+    "on several mounts (getLocation_). With --mount MOUNT only that mount (its name as in\n"
+    "mountPoints) is looked at (getLocationOnMount_). --touch sets the access time of the "
+    "location.\n"
     "Prints the status code with its name (0 found, 1 dirty, 2 conflict, 4 missing,\n"
     "8 erroneous, 16 lockFailed, 36 notPresent) and the location.\n"
     "--json: {repository, resource, status: {value, names}, location (null when none)}.\n");
@@ -326,7 +330,8 @@ RepoctlRegistrar removeCommand(
     "remove", "remove REPO NAME [--mount MOUNT] [--json]",
     "remove a resource from every mount and the legacy directory", &runRemove,
     "Removes the resource under its lock from every mount and the legacy directory\n"
-    "(removeResource_), or with --mount MOUNT from that mount only (removeResourceOnMount_).\n"
+    "(removeResource_), or with --mount MOUNT (its name as in mountPoints) from that mount only\n"
+    "(removeResourceOnMount_).\n"
     "The result ORs the single removals' codes: 0 removed, 1 dirty (nothing removed),\n"
     "4 missing, 8 erroneous, 16 lockFailed; each bit set is named.\n"
     "--json: {repository, resource, mount (null: every mount), status: {value, names}, "

@@ -160,6 +160,7 @@ TEST(RepoctlCli, usageErrorsExitTwoAfterOneLineSayingWhatIsWrong) {
         {"dirty", repo, "toggle", "x"},
         {"create", repo, "x", "--exclusive"},
         {"times", repo, "x", "--now", "--set-access", "5"},
+        {"times", repo, "x", "--set-modified", "yesterday"},
         {"empty", repo},
         {"status"},
         {"locate", repo},
