@@ -214,13 +214,21 @@ int runMountIn(int argc, char** argv) {
 
 // repoctl rnd-mount REPO
 int runRndMount(int argc, char** argv) {
-    RepoctlArgs args(argc, argv, {});
+    RepoctlArgs args(argc, argv, {"--json"});
     const int code = checkArguments(argv[0], args, 1);
     if (code >= 0) return code;
-    rndMount_(args.positional()[0].c_str(), nullptr);
-    const int status = getRepositoryStatus_(args.positional()[0].c_str(), nullptr);
-    printf("status %d (0x%03x) %s\n", status, status,
-           statusText(status, StatusKind::kRepository).c_str());
+    const std::string& path = args.positional()[0];
+    rndMount_(path.c_str(), nullptr);
+    const int status = getRepositoryStatus_(path.c_str(), nullptr);
+    if (args.has("--json")) {
+        JsonWriter out(stdout);
+        out.beginObject().field("repository", path).key("status");
+        writeStatusJson(out, status, StatusKind::kRepository);
+        out.endObject().finish();
+    } else {
+        printf("status %d (0x%03x) %s\n", status, status,
+               statusText(status, StatusKind::kRepository).c_str());
+    }
     return 0;
 }
 
@@ -290,7 +298,7 @@ int runList(int argc, char** argv) {
 
 // repoctl empty REPO --yes
 int runEmpty(int argc, char** argv) {
-    RepoctlArgs args(argc, argv, {"--yes"});
+    RepoctlArgs args(argc, argv, {"--yes", "--json"});
     const int code = checkArguments(argv[0], args, 1);
     if (code >= 0) return code;
     if (!args.has("--yes"))
@@ -302,12 +310,17 @@ int runEmpty(int argc, char** argv) {
             makeEmpty_(path.c_str(), nullptr);
             return 0;
         },
-        false, nullptr);
+        args.has("--json"), nullptr);
     if (emptied < 0) return 1;
     long count = 0;
     char** left = listDirs_(path.c_str(), &count, true, nullptr);
     releaseList_(left, count);
-    printf("%ld resource%s left\n", count, count == 1 ? "" : "s");
+    if (args.has("--json")) {
+        JsonWriter out(stdout);
+        out.beginObject().field("repository", path).field("left", count).endObject().finish();
+    } else {
+        printf("%ld resource%s left\n", count, count == 1 ? "" : "s");
+    }
     return count == 0 ? 0 : 1;
 }
 
@@ -343,10 +356,11 @@ RepoctlRegistrar mountInCommand("mount-in", "mount-in REPO INDEX [--json]",
                                 "The reverse of mount-out; the mount is probed again at once.\n"
                                 "--json: {repository, index, result, done}.\n");
 RepoctlRegistrar rndMountCommand(
-    "rnd-mount", "rnd-mount REPO", "test aid: take out or give back one mount chosen at random",
-    &runRndMount,
+    "rnd-mount", "rnd-mount REPO [--json]",
+    "test aid: take out or give back one mount chosen at random", &runRndMount,
     "Toggles a mount chosen at random (rndMount_), as a test of the site's reaction to a lost\n"
-    "disk, and prints the repository status afterwards. Undo with giveback.\n");
+    "disk, and prints the repository status afterwards. Undo with giveback.\n"
+    "--json: {repository, status: {value, names}}.\n");
 RepoctlRegistrar setupCommand(
     "setup", "setup REPO [--json]", "read the repository's configuration again", &runSetup,
     "Loads repository.cfg and every repositorypart.cfg again (setup_) and prints the time of\n"
@@ -361,9 +375,9 @@ RepoctlRegistrar listCommand(
     "adds the entries of the legacy directory. The count goes to standard error.\n"
     "--json: {repository, kind (\"directories\" or \"files\"), names: [...]}.\n");
 RepoctlRegistrar emptyCommand(
-    "empty", "empty REPO --yes", "remove every resource of the repository", &runEmpty,
+    "empty", "empty REPO --yes [--json]", "remove every resource of the repository", &runEmpty,
     "Clears the dirty set, gives back every mount and removes every resource, the legacy\n"
     "directory's entries included (makeEmpty_). Refused without --yes. Prints how many\n"
-    "resources are left; exit status 1 when some are.\n");
+    "resources are left; exit status 1 when some are.\n--json: {repository, left}.\n");
 
 }  // namespace

@@ -206,4 +206,14 @@ TEST_F(RepoctlJson, locksDirtyMarksAndMountAidsReportWhatTheyDid) {
     EXPECT_EQ(doc["mounts"].number(), 2);
     EXPECT_EQ(doc["status"]["value"].number(), 0);
     EXPECT_NEAR(doc["checkedAt"].number(), static_cast<double>(time(nullptr)), 60);
+
+    // One of the two mounts goes out at random: the repository is then incomplete.
+    doc = jsonOf({"rnd-mount", r}, env, 0);
+    EXPECT_EQ(doc["status"]["value"].number(), 128);
+    EXPECT_EQ(strings(doc["status"]["names"]), std::vector<std::string>{"incomplete"});
+    EXPECT_EQ(jsonOf({"giveback", r}, env, 0)["givenBack"].number(), 1);
+
+    ASSERT_EQ(runRepoctl({"create", r, "e1", "--directory"}, env).code, 0);
+    EXPECT_EQ(jsonOf({"empty", r, "--yes"}, env, 0)["left"].number(), 0);
+    EXPECT_TRUE(jsonOf({"list", r}, env, 0)["names"].array().empty());
 }
