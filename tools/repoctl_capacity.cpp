@@ -112,11 +112,11 @@ RepoctlRegistrar checkOverloadCommand(
     "maintenance lock (checkOverload_): resources are moved off mounts past their move limit and\n"
     "deleted from full mounts of a clearable repository, oldest first. --night lowers the limits\n"
     "of night-managed mounts first; --verbose prints each step. Prints the counts at the end.\n");
-RepoctlRegistrar freeMountCommand("free-mount", "free-mount REPO MOUNT [--verbose]",
-                                  "move every resource off one mount onto the others",
-                                  &runFreeMount,
-                                  "Moves every resource off MOUNT onto the other mounts (freeMount_).\n"
-                                  "Exit status 0 when nothing is left on it, 1 when resources stayed\n"
-                                  "or the emptying could not begin. --verbose prints each step.\n");
+RepoctlRegistrar freeMountCommand(
+    "free-mount", "free-mount REPO MOUNT [--verbose]",
+    "move every resource off one mount onto the others", &runFreeMount,
+    "Moves every resource off MOUNT onto the other mounts (freeMount_).\n"
+    "Exit status 0 when nothing is left on it, 1 when resources stayed\n"
+    "or the emptying could not begin. --verbose prints each step.\n");
 
 }  // namespace
