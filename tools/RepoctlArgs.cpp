@@ -40,10 +40,10 @@ RepoctlArgs::RepoctlArgs(int argc, char** argv, const std::vector<std::string>& 
             } else if (i + 1 < argc) {
                 given_[name] = argv[++i];
             } else {
-                error_ = "option " + name + " needs a value";
+                error_ = "option \"" + name + "\" needs a value";
             }
         } else {
-            error_ = "unknown option " + arg;
+            error_ = "unknown option \"" + arg + "\"";
         }
     }
 }

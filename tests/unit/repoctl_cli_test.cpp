@@ -145,7 +145,7 @@ TEST(RepoctlCli, usageErrorsExitTwoAfterOneLineSayingWhatIsWrong) {
         RepoctlRun run = runRepoctl({command, "/tmp", "--no-such-option"});
         EXPECT_EQ(run.code, 2) << command;
         EXPECT_EQ(run.err, std::string("repoctl ") + command +
-                               ": unknown option --no-such-option\n" + usage + "\n")
+                               ": unknown option \"--no-such-option\"\n" + usage + "\n")
             << command;
         EXPECT_EQ(run.out, "") << command;
     }
