@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "RhExport.h"
 
@@ -42,6 +43,15 @@ class RH_EXPORT LockDB {
 
     // The actor of the row holding lockId ("" for a NULL actor); false when the lock is free.
     virtual bool lockHolder(const std::string& lockId, std::string& actor) = 0;
+
+    // One row of the lock table as an operator sees it.
+    struct Row {
+        std::string lockId;    // the whole id (LCKRESOURCE), however long
+        std::string actor;     // "" for a NULL actor
+        long long ageSeconds;  // since the lock was taken, by the database's clock; -1 unknown
+    };
+    // Every row whose whole id begins with `prefix` (compared byte for byte), in id order.
+    virtual std::vector<Row> locksWithPrefix(const std::string& prefix) = 0;
 };
 
 }  // namespace db

@@ -1,7 +1,9 @@
 #include "LockDBSql.h"
 
+#include <algorithm>
 #include <mutex>
 #include <new>
+#include <utility>
 
 #include "DBConnectorSql.h"
 #include "DBException.h"
@@ -22,6 +24,8 @@ const uint32_t kDuplicateKey = 1062;
 const size_t kKeyPrefixBytes = 190;
 // Holders' actors are short tokens; a longer one does not fit the lock table's column anyway.
 const size_t kActorBuffer = 4096;
+// LCKRESOURCE is a BLOB in the reference schema: at most this many bytes.
+const size_t kResourceBuffer = 65535;
 
 bool isUtf8Continuation(char c) {
     return (static_cast<unsigned char>(c) & 0xc0) == 0x80;
@@ -50,6 +54,16 @@ LockDBSql::LockDBSql(DBConnectorSql& connector)
         2, 0);
     registerQuery(
         holder_, [this] { return "SELECT LCKACTOR FROM " + table_ + " WHERE LCKID=?"; }, 1, 1);
+    // The age comes from the server's own clock, the one that stamped LCKTIME, so the clocks of
+    // the servers that took the locks do not matter.
+    registerQuery(
+        listPrefix_,
+        [this] {
+            return "SELECT LCKRESOURCE, COALESCE(LCKACTOR,''), "
+                   "COALESCE(TIMESTAMPDIFF(SECOND, LCKTIME, NOW()), -1) FROM " +
+                   table_ + " WHERE LEFT(LCKRESOURCE, ?) = BINARY ? ORDER BY LCKRESOURCE";
+        },
+        2, 3);
     init();
 }
 
@@ -144,6 +158,37 @@ bool LockDBSql::holderOfKey(const std::string& key, std::string& actor) {
         }
         actor = actorResult.isNull() ? std::string() : buffer.substr(0, actorResult.length());
         return true;
+    });
+}
+
+std::vector<LockDB::Row> LockDBSql::locksWithPrefix(const std::string& prefix) {
+    return withBindingMemory([&] {
+        std::string resource(kResourceBuffer, '\0');
+        std::string actor(kActorBuffer, '\0');
+        long long age = -1;
+        std::lock_guard<std::recursive_mutex> guard(connector().sql().mutex());
+        QueryResult resourceColumn(MYSQL_TYPE_BLOB, &resource[0], resource.size(), SIGNED_VALUE);
+        QueryResult actorColumn(MYSQL_TYPE_STRING, &actor[0], actor.size(), SIGNED_VALUE);
+        QueryResult ageColumn(MYSQL_TYPE_LONGLONG, &age, sizeof age, SIGNED_VALUE);
+        int32_t length = static_cast<int32_t>(prefix.size());
+        QueryBindings bindings(listPrefix_.paramCount, listPrefix_.resultCount);
+        bindings.bindLong(0, length);
+        bindings.bindString(1, prefix);
+        bindings.bindResult(0, resourceColumn);
+        bindings.bindResult(1, actorColumn);
+        bindings.bindResult(2, ageColumn);
+        PSHandle handle = executeQuery(listPrefix_, bindings);
+        std::vector<Row> rows;
+        for (int status = handle.statement->fetch(); status == 0 || status == MYSQL_DATA_TRUNCATED;
+             status = handle.statement->fetch()) {
+            Row row;
+            row.lockId =
+                resource.substr(0, std::min<uint64_t>(resourceColumn.length(), resource.size()));
+            row.actor = actor.substr(0, std::min<uint64_t>(actorColumn.length(), actor.size()));
+            row.ageSeconds = ageColumn.isNull() ? -1 : age;
+            rows.push_back(std::move(row));
+        }
+        return rows;
     });
 }
 

@@ -25,6 +25,7 @@ class LockDBSql : public LockDB, public PSCache {
     bool releaseLock(const std::string& lockId) override;
     bool releaseLockOf(const std::string& lockId, const std::string& actor) override;
     bool lockHolder(const std::string& lockId, std::string& actor) override;
+    std::vector<Row> locksWithPrefix(const std::string& prefix) override;
 
     // Longest id (in bytes) stored as it is; the key column must hold this many bytes.
     static constexpr size_t kMaxKeyBytes = 255;
@@ -43,6 +44,7 @@ class LockDBSql : public LockDB, public PSCache {
     PsQuery insert_;
     PsQuery deleteOwn_;
     PsQuery holder_;
+    PsQuery listPrefix_;
 };
 
 }  // namespace db

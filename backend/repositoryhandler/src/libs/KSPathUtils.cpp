@@ -647,7 +647,20 @@ void clearEmptyHash(const char* path) {
 void clearEmptyHashLevels(const std::string& mount, const std::string& levels) {
     std::string level = mount + "/" + levels;
     while (level.size() > 1 && level.back() == '/') level.pop_back();
-    removeEmptyLevels(mount, level, 3, std::string());
+    // As many levels as `levels` names, so that "AB/CD" never reaches the mount directory.
+    int count = 0;
+    for (size_t start = 0; start < levels.size() && count < 3;) {
+        const size_t slash = levels.find('/', start);
+        const size_t end = slash == std::string::npos ? levels.size() : slash;
+        if (end > start) ++count;
+        start = end + 1;
+    }
+    if (count > 0) removeEmptyLevels(mount, level, count, std::string());
+}
+
+bool hashLevelReserved(const std::string& level) {
+    struct stat st;
+    return ::lstat(level.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && reservationRuns(st);
 }
 
 // ---- directories on a mount -----------------------------------------------------------------

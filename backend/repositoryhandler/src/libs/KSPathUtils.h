@@ -57,9 +57,13 @@ void touchHashedDirs(const char* path);
 // resource (see prepareHashLevels). Safe against concurrent creators; the protocol is explained
 // in KSPathUtils.cpp.
 void clearEmptyHash(const char* path);
-// Removes the hash levels `levels` ("AB/CD/EF") of `mount` as far as they are empty and the last
-// is not reserved: the clean-up of levels that a reservation kept.
+// Removes the hash levels `levels` ("AB/CD/EF", or fewer: "AB/CD") of `mount` as far as they are
+// empty and the last is not reserved, never more levels than `levels` names: the clean-up of
+// levels that a reservation kept.
 void clearEmptyHashLevels(const std::string& mount, const std::string& levels);
+// True while a reservation made by prepareHashLevels runs on the directory `level`: an empty
+// level is then about to receive its resource and is not left over.
+bool hashLevelReserved(const std::string& level);
 // Creates `levels` (below the directory `mount`, e.g. mount + "/AB/CD/EF/") and reserves the
 // last of them for the resource `name`: for the next two minutes no clean-up removes it, so a
 // caller can create the resource there after this returns. false (errno set) when the levels
