@@ -81,18 +81,20 @@ std::set<std::string> entriesOf(const std::string& directory) {
     return std::set<std::string>(names.begin(), names.end());
 }
 
-std::string joined(const std::string& relative, const std::string& name) {
-    return relative.empty() ? name : relative + "/" + name;
+std::string joined(const std::string& directory, const std::string& name) {
+    if (directory.empty()) return name;
+    return name.empty() ? directory : directory + "/" + name;
 }
 
+// `relative` names the entry below both copies' tops `one` and `other` (empty: the tops).
 std::string compare(const std::string& one, const std::string& other, const std::string& relative,
                     int depth);
 
 std::string compareDirectories(const std::string& one, const std::string& other,
                                const std::string& relative, int depth) {
     if (depth > kMaxDepth) return "nested too deeply: " + relative;
-    const std::set<std::string> left = entriesOf(one);
-    const std::set<std::string> right = entriesOf(other);
+    const std::set<std::string> left = entriesOf(joined(one, relative));
+    const std::set<std::string> right = entriesOf(joined(other, relative));
     for (const std::string& name : left) {
         if (right.count(name) == 0) return "only in " + one + ": " + joined(relative, name);
     }
@@ -100,8 +102,7 @@ std::string compareDirectories(const std::string& one, const std::string& other,
         if (left.count(name) == 0) return "only in " + other + ": " + joined(relative, name);
     }
     for (const std::string& name : left) {
-        std::string difference =
-            compare(one + "/" + name, other + "/" + name, joined(relative, name), depth + 1);
+        std::string difference = compare(one, other, joined(relative, name), depth + 1);
         if (!difference.empty()) return difference;
     }
     return std::string();
@@ -110,16 +111,18 @@ std::string compareDirectories(const std::string& one, const std::string& other,
 std::string compare(const std::string& one, const std::string& other, const std::string& relative,
                     int depth) {
     const std::string shown = relative.empty() ? "." : relative;
+    const std::string left = joined(one, relative);
+    const std::string right = joined(other, relative);
     struct stat a, b;
-    if (::lstat(one.c_str(), &a) != 0) return "cannot be read: " + one;
-    if (::lstat(other.c_str(), &b) != 0) return "cannot be read: " + other;
+    if (::lstat(left.c_str(), &a) != 0) return "cannot be read: " + left;
+    if (::lstat(right.c_str(), &b) != 0) return "cannot be read: " + right;
     if ((a.st_mode & S_IFMT) != (b.st_mode & S_IFMT)) return "type differs: " + shown;
     if (S_ISDIR(a.st_mode)) return compareDirectories(one, other, relative, depth);
     if (S_ISLNK(a.st_mode))
-        return linkText(one) == linkText(other) ? std::string() : "link differs: " + shown;
+        return linkText(left) == linkText(right) ? std::string() : "link differs: " + shown;
     if (!S_ISREG(a.st_mode)) return std::string();
     if (a.st_size != b.st_size) return "size differs: " + shown;
-    return sameBytes(one, other) ? std::string() : "content differs: " + shown;
+    return sameBytes(left, right) ? std::string() : "content differs: " + shown;
 }
 
 }  // namespace
