@@ -318,6 +318,26 @@ TEST(RepoctlVerify, repairSettlesWhatTheLibraryMayAndLeavesTheRest) {
         << after.out;
 }
 
+TEST(RepoctlVerify, aDeadMountIsNotWalkedAndNoDirtyNameIsCalledStaleWhileItIsDead) {
+    RH_REQUIRE_MOUNTS();
+    Scene scene;
+    putResource(scene.mount(1), "onDead");
+    scene.dirty.insert("onDead");
+    scene.writeDirty();
+    ASSERT_EQ(rename((scene.mount(1) + "/repositorypart.cfg").c_str(),
+                     (scene.mount(1) + "/repositorypart.no").c_str()),
+              0);
+    const RepoctlRun run = scene.verify({"--json", "--repair"});
+    EXPECT_EQ(run.code, 0) << run.out;
+    const JsonValue document = parsed(run);
+    EXPECT_EQ(document["findings"].size(), 0u) << run.out;
+    ASSERT_EQ(document["deadMounts"].size(), 1u);
+    EXPECT_EQ(document["deadMounts"][0].string(), scene.mount(1));
+    EXPECT_EQ(document["checked"]["mounts"].number(), 1);
+    EXPECT_EQ(document["notes"].size(), 1u) << run.out;
+    EXPECT_EQ(readFile(scene.repo.path() + "/.dirty"), "copied\nmoving\nonDead\n");
+}
+
 TEST(RepoctlVerify, hostileNamesRunNothingAndLoseNothing) {
     RH_REQUIRE_MOUNTS();
     Scene scene;
