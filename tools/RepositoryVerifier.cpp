@@ -51,30 +51,16 @@ bool isUnder(const std::string& path, const std::string& directory) {
            path.compare(0, directory.size(), directory) == 0 && path[directory.size()] == '/';
 }
 
+// "2 (conflict)": a lookup status by number and name.
 std::string statusText(int status) {
+    static const std::pair<int, const char*> kNames[] = {
+        {RESOURCE_STATUS_FOUND, "found"},           {RESOURCE_STATUS_DIRTY, "dirty"},
+        {RESOURCE_STATUS_CONFLICT, "conflict"},     {RESOURCE_STATUS_MISSING, "missing"},
+        {RESOURCE_STATUS_ERRONEOUS, "erroneous"},   {RESOURCE_STATUS_LOCK_FAILED, "lockFailed"},
+        {RESOURCE_STATUS_NOT_PRESENT, "notPresent"}};
     const char* name = "unknown";
-    switch (status) {
-        case RESOURCE_STATUS_FOUND:
-            name = "found";
-            break;
-        case RESOURCE_STATUS_DIRTY:
-            name = "dirty";
-            break;
-        case RESOURCE_STATUS_CONFLICT:
-            name = "conflict";
-            break;
-        case RESOURCE_STATUS_MISSING:
-            name = "missing";
-            break;
-        case RESOURCE_STATUS_ERRONEOUS:
-            name = "erroneous";
-            break;
-        case RESOURCE_STATUS_LOCK_FAILED:
-            name = "lockFailed";
-            break;
-        case RESOURCE_STATUS_NOT_PRESENT:
-            name = "notPresent";
-            break;
+    for (const auto& known : kNames) {
+        if (known.first == status) name = known.second;
     }
     return std::to_string(status) + " (" + name + ")";
 }
@@ -95,7 +81,7 @@ void RepositoryVerifier::add(VerifyFinding finding) {
     ++progress_.found;
 }
 
-void RepositoryVerifier::run() {
+void RepositoryVerifier::prepare() {
     connector_ = repository_.getDbConnector(nullptr);
     for (auto& mount : repository_.mounts()) {
         if (mount->checkStatus(true) & MOUNT_DEAD) {
@@ -105,16 +91,20 @@ void RepositoryVerifier::run() {
         liveMounts_.push_back(mount.get());
         canonicalMounts_.push_back(canonical(mount->path()));
     }
+    counts_.mounts = liveMounts_.size();
+    // The set as the file holds it now, not as a cache of this process remembers it.
     KSDirtyFlagHandler& flags = repository_.dirtyFlags();
     flags.checkAndReadSetFile(connector_);
     for (const std::string& name : flags.snapshot()) dirtySnapshot_.push_back(name);
     counts_.dirtyNames = dirtySnapshot_.size();
+}
 
+void RepositoryVerifier::run() {
+    prepare();
     for (size_t i = 0; i < liveMounts_.size(); ++i) {
         walkMount(*liveMounts_[i], i);
         ++progress_.mountsDone;
     }
-    counts_.mounts = liveMounts_.size();
     counts_.resources = progress_.resources;
     counts_.hashLevels = progress_.hashLevels;
     settleCopies();

@@ -88,6 +88,8 @@ class RepositoryVerifier {
     Progress& progress() { return progress_; }
 
   private:
+    // Sorts the mounts into live and dead and reads the dirty set afresh.
+    void prepare();
     void walkMount(KSMountPointHandler& mount, size_t index);
     void walkLevel(KSMountPointHandler& mount, size_t index, const std::string& levels, int depth);
     void judgeResourceEntry(KSMountPointHandler& mount, size_t index, const std::string& levels,
