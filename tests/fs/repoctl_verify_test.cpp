@@ -350,11 +350,15 @@ TEST(RepoctlVerify, hostileNamesRunNothingAndLoseNothing) {
         putResource(scene.mount(1), name, "f", "one");
         putResource(scene.mount(1), name, "g", "two");
         ASSERT_EQ(symlink(("/nonexistent/" + name).c_str(), scene.legacy.path(name).c_str()), 0);
+        const std::string stray = scene.mount(0) + "/QQ/QQ/QQ/" + name + "-stray";
+        mkdirs(stray.c_str(), 0755);
+        std::ofstream(stray + "/f") << "stray";
         // The one-name-a-line dirty file cannot hold a line feed.
         if (name.find('\n') == std::string::npos) scene.dirty.insert(name + "-gone");
     }
     scene.writeDirty();
     scene.outside.write("keep/f", "kept");
+    ASSERT_EQ(symlink(scene.outside.path("keep").c_str(), scene.legacy.path("keep").c_str()), 0);
 
     const RepoctlRun run = scene.verify({"--repair", "--json"});
     EXPECT_EQ(run.code, 1) << run.err;
@@ -366,6 +370,8 @@ TEST(RepoctlVerify, hostileNamesRunNothingAndLoseNothing) {
             EXPECT_NE(findingNamed(document, "staleDirty", name + "-gone"), nullptr);
         }
         // Merged, or (where a name cannot reach the compare command) both copies kept.
+        EXPECT_NE(findingNamed(document, "misplaced", name + "-stray"), nullptr);
+        EXPECT_EQ(readFile(scene.mount(0) + "/QQ/QQ/QQ/" + name + "-stray/f"), "stray");
         const std::string last = resourceLocation(scene.mount(1), name.c_str());
         EXPECT_EQ(readFile(last + "/f"), "one");
         EXPECT_EQ(readFile(last + "/g"), "two");
