@@ -54,6 +54,7 @@ class Scene {
         char* reserved =
             createLocation_(repo.path().c_str(), "reserved", &status, &existed, false, nullptr);
         EXPECT_NE(reserved, nullptr);
+        if (reserved != nullptr) reservedLocation = reserved;
         release(reserved);
     }
 
@@ -89,6 +90,7 @@ class Scene {
     TempTree outside;
     ScratchRepository repo;
     std::set<std::string> dirty;
+    std::string reservedLocation;  // handed out by createLocation_, not created yet
 
   private:
     ScopedEnv lockEnv_;
@@ -302,6 +304,8 @@ TEST(RepoctlVerify, repairSettlesWhatTheLibraryMayAndLeavesTheRest) {
     ASSERT_GT(readlink(scene.legacy.path("twice").c_str(), target, sizeof target - 1), 0);
     EXPECT_EQ(std::string(target), merged);
     EXPECT_FALSE(entryExists(scene.mount(1) + "/AA"));
+    std::unique_ptr<char[]> reservedLevel(baseDir(scene.reservedLocation.c_str()));
+    EXPECT_TRUE(entryExists(reservedLevel.get())) << "a reserved level was removed";
 
     // What is left is exactly what verify may not touch, and nothing of it is gone.
     EXPECT_EQ(readFile(scene.outside.path("away/f")), "kept");
