@@ -87,29 +87,33 @@ std::string joined(const std::string& directory, const std::string& name) {
 }
 
 // `relative` names the entry below both copies' tops `one` and `other` (empty: the tops).
+// `commonOnly`: entries that only one copy holds do not count.
 std::string compare(const std::string& one, const std::string& other, const std::string& relative,
-                    int depth);
+                    bool commonOnly, int depth);
 
 std::string compareDirectories(const std::string& one, const std::string& other,
-                               const std::string& relative, int depth) {
+                               const std::string& relative, bool commonOnly, int depth) {
     if (depth > kMaxDepth) return "nested too deeply: " + relative;
     const std::set<std::string> left = entriesOf(joined(one, relative));
     const std::set<std::string> right = entriesOf(joined(other, relative));
     for (const std::string& name : left) {
-        if (right.count(name) == 0) return "only in " + one + ": " + joined(relative, name);
+        if (right.count(name) == 0 && !commonOnly)
+            return "only in " + one + ": " + joined(relative, name);
     }
     for (const std::string& name : right) {
-        if (left.count(name) == 0) return "only in " + other + ": " + joined(relative, name);
+        if (left.count(name) == 0 && !commonOnly)
+            return "only in " + other + ": " + joined(relative, name);
     }
     for (const std::string& name : left) {
-        std::string difference = compare(one, other, joined(relative, name), depth + 1);
+        if (right.count(name) == 0) continue;
+        std::string difference = compare(one, other, joined(relative, name), commonOnly, depth + 1);
         if (!difference.empty()) return difference;
     }
     return std::string();
 }
 
 std::string compare(const std::string& one, const std::string& other, const std::string& relative,
-                    int depth) {
+                    bool commonOnly, int depth) {
     const std::string shown = relative.empty() ? "." : relative;
     const std::string left = joined(one, relative);
     const std::string right = joined(other, relative);
@@ -117,7 +121,7 @@ std::string compare(const std::string& one, const std::string& other, const std:
     if (::lstat(left.c_str(), &a) != 0) return "cannot be read: " + left;
     if (::lstat(right.c_str(), &b) != 0) return "cannot be read: " + right;
     if ((a.st_mode & S_IFMT) != (b.st_mode & S_IFMT)) return "type differs: " + shown;
-    if (S_ISDIR(a.st_mode)) return compareDirectories(one, other, relative, depth);
+    if (S_ISDIR(a.st_mode)) return compareDirectories(one, other, relative, commonOnly, depth);
     if (S_ISLNK(a.st_mode))
         return linkText(left) == linkText(right) ? std::string() : "link differs: " + shown;
     if (!S_ISREG(a.st_mode)) return std::string();
@@ -128,5 +132,9 @@ std::string compare(const std::string& one, const std::string& other, const std:
 }  // namespace
 
 std::string firstDifference(const std::string& one, const std::string& other) {
-    return compare(one, other, std::string(), 0);
+    return compare(one, other, std::string(), false, 0);
+}
+
+std::string firstConflict(const std::string& one, const std::string& other) {
+    return compare(one, other, std::string(), true, 0);
 }

@@ -65,6 +65,15 @@ std::string statusText(int status) {
     return std::to_string(status) + " (" + name + ")";
 }
 
+// The first entry that two copies, in the order a lookup merges them, hold differently.
+std::string conflictAmong(const std::vector<std::string>& copies) {
+    for (size_t i = 1; i < copies.size(); ++i) {
+        std::string conflict = firstConflict(copies[i - 1], copies[i]);
+        if (!conflict.empty()) return conflict;
+    }
+    return std::string();
+}
+
 std::string joinedWords(const std::vector<std::string>& words) {
     std::string text;
     for (const std::string& word : words) text += (text.empty() ? "" : ", ") + word;
@@ -284,19 +293,22 @@ void RepositoryVerifier::settleCopies() {
             continue;
         }
         // Dirty with equal copies is a move that stopped after its copy: the next lookup merges
-        // it. Differing copies stop every merge.
-        for (size_t i = 1; i < copies.size(); ++i) {
-            const std::string difference = firstDifference(copies.front(), copies[i]);
-            if (difference.empty()) continue;
-            add({VerifyKind::kPartialCopy,
-                 name,
-                 copies[i],
-                 copies,
-                 "dirty, and its copies differ (" + difference + ")",
-                 -1,
-                 {}});
-            break;
-        }
+        // it. Copies that differ are what an interrupted copy or merge leaves.
+        std::string difference;
+        for (size_t i = 1; i < copies.size() && difference.empty(); ++i)
+            difference = firstDifference(copies[i - 1], copies[i]);
+        if (difference.empty()) continue;
+        const std::string conflict = conflictAmong(copies);
+        add({VerifyKind::kPartialCopy,
+             name,
+             copies.back(),
+             copies,
+             conflict.empty() ? "dirty, and one copy lacks entries of another (" + difference +
+                                    "): a lookup merges them"
+                              : "dirty, and its copies hold an entry differently (" + conflict +
+                                    "): no lookup can merge them",
+             -1,
+             {}});
     }
 }
 
@@ -416,9 +428,9 @@ void RepositoryVerifier::checkLocks() {
 
 void RepositoryVerifier::repairAll() {
     // Merges first: a merge re-points the legacy link and clears the levels it empties.
-    const VerifyKind order[] = {VerifyKind::kDuplicate, VerifyKind::kStaleDirty,
-                                VerifyKind::kDanglingLink, VerifyKind::kForeignLink,
-                                VerifyKind::kEmptyHashLevel};
+    const VerifyKind order[] = {VerifyKind::kDuplicate,   VerifyKind::kPartialCopy,
+                                VerifyKind::kStaleDirty,  VerifyKind::kDanglingLink,
+                                VerifyKind::kForeignLink, VerifyKind::kEmptyHashLevel};
     for (VerifyKind kind : order) {
         for (VerifyFinding& finding : findings_) {
             if (finding.kind != kind) continue;
@@ -426,6 +438,9 @@ void RepositoryVerifier::repairAll() {
             switch (kind) {
                 case VerifyKind::kDuplicate:
                     repairDuplicate(finding);
+                    break;
+                case VerifyKind::kPartialCopy:
+                    repairPartialCopy(finding);
                     break;
                 case VerifyKind::kStaleDirty:
                     repairStaleDirty(finding);
@@ -459,6 +474,29 @@ void RepositoryVerifier::repairDuplicate(VerifyFinding& finding) {
                                 " and left " + std::to_string(copies.size()) +
                                 " copies, which every lookup now searches";
     }
+}
+
+// Only copies that the library's merge can join: where both hold an entry differently, the merge
+// would stop half-way and the operator must choose.
+void RepositoryVerifier::repairPartialCopy(VerifyFinding& finding) {
+    if (finding.locations.empty()) {
+        finding.repair.action = "left: a staged copy is for the operator";
+        return;
+    }
+    const std::string conflict = conflictAmong(copiesOf(finding.name));
+    if (!conflict.empty()) {
+        finding.repair.action = "left: the copies hold an entry differently (" + conflict + ")";
+        return;
+    }
+    int status = 0;
+    std::unique_ptr<char[]> location(repository_.getLocation(connector_, finding.name.c_str(),
+                                                             &status, false, true, false, true));
+    const std::vector<std::string> copies = copiesOf(finding.name);
+    finding.repair.done = copies.size() == 1 && status == RESOURCE_STATUS_FOUND;
+    finding.repair.action = finding.repair.done
+                                ? "merged by a locked lookup onto " + copies.front()
+                                : "the locked lookup answered " + statusText(status) +
+                                      " and left " + std::to_string(copies.size()) + " copies";
 }
 
 void RepositoryVerifier::repairStaleDirty(VerifyFinding& finding) {

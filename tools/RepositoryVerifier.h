@@ -31,6 +31,9 @@ class DBConnector;
 // - a duplicate is marked dirty and looked up with the lock, so the lookup merges the copies
 //   onto the last mount that holds one (or, when they differ, keeps the name dirty so every
 //   lookup sees both copies);
+// - copies of a dirty resource where one only lacks entries of another (a move or merge that
+//   stopped between files) are looked up with the lock, which merges them; copies that hold an
+//   entry differently are left, as no merge can join them;
 // - a stale dirty name is looked up with the lock, which clears the mark when every mount
 //   could be searched;
 // - a dangling or foreign legacy link is re-pointed, under the resource's lock, at the one copy
@@ -38,7 +41,8 @@ class DBConnector;
 // - an empty hash level is removed under the mount's hash-level lock, unless a creator has
 //   reserved or filled it meanwhile (the protocol of clearEmptyHash).
 // Nothing else is changed and nothing is ever deleted: misplaced directories, stray files,
-// partial copies, stale locks and lock-scope differences are reported for the operator.
+// conflicting or staged copies, stale locks and lock-scope differences are reported for the
+// operator.
 //
 // One object per run, used by one thread; progress() may be read from another.
 class RepositoryVerifier {
@@ -101,6 +105,7 @@ class RepositoryVerifier {
     void checkLocks();
     void repairAll();
     void repairDuplicate(VerifyFinding& finding);
+    void repairPartialCopy(VerifyFinding& finding);
     void repairStaleDirty(VerifyFinding& finding);
     void repairLink(VerifyFinding& finding);
     void repairEmptyLevel(VerifyFinding& finding);

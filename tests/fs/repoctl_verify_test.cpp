@@ -185,6 +185,14 @@ std::vector<Damage> damages() {
              s.dirty.insert("halfway");
              s.writeDirty();
          }},
+        {"a move interrupted between two files", "partialCopy between",
+         [](Scene& s) {
+             putResource(s.mount(0), "between", "f1", "first");
+             putResource(s.mount(0), "between", "f2", "second");
+             putResource(s.mount(1), "between", "f1", "first");
+             s.dirty.insert("between");
+             s.writeDirty();
+         }},
         {"a lock under another path naming a resource here", "lockScope " + std::string(),
          [](Scene& s) { s.lockFile("KSRepositoryHandler-_srv_elsewhere-healthy1", 0); }},
         {"a lock by path while the repository is locked by repositoryId", "lockScope ",
@@ -292,13 +300,18 @@ TEST(RepoctlVerify, repairSettlesWhatTheLibraryMayAndLeavesTheRest) {
     EXPECT_TRUE(repaired("danglingLink", "twice"));
     EXPECT_FALSE(repaired("danglingLink", "gone"));
     EXPECT_FALSE(repaired("foreignLink", "away"));
-    EXPECT_EQ(document["repaired"].number(), 5) << run.out;
+    EXPECT_TRUE(repaired("partialCopy", "between"));
+    EXPECT_FALSE(repaired("partialCopy", "halfway"));
+    EXPECT_EQ(document["repaired"].number(), 6) << run.out;
 
     // Merged onto the last mount, with every file of both copies.
     const std::string merged = resourceLocation(scene.mount(1), "twice");
     EXPECT_FALSE(entryExists(resourceLocation(scene.mount(0), "twice")));
     EXPECT_EQ(readFile(merged + "/g"), "only on the first");
     EXPECT_EQ(readFile(merged + "/f"), "data");
+    const std::string between = resourceLocation(scene.mount(1), "between");
+    EXPECT_EQ(readFile(between + "/f1") + readFile(between + "/f2"), "firstsecond");
+    EXPECT_FALSE(entryExists(resourceLocation(scene.mount(0), "between")));
     EXPECT_EQ(readFile(scene.repo.path() + "/.dirty"), "copied\nhalfway\nmoving\n");
     char target[4096] = {};
     ASSERT_GT(readlink(scene.legacy.path("twice").c_str(), target, sizeof target - 1), 0);

@@ -60,12 +60,13 @@ TEST(RepositoryVerifier, aCopyStagedByAnUnfinishedMoveIsAPartialCopyOnceItsNameI
     EXPECT_EQ(found[0].kind, VerifyKind::kPartialCopy);
     EXPECT_EQ(found[0].name, "study");
     EXPECT_EQ(found[0].path, staged);
-    EXPECT_FALSE(found[0].repair.attempted) << "a partial copy is the operator's";
+    EXPECT_FALSE(found[0].repair.done) << "a staged copy is the operator's";
     EXPECT_TRUE(entryExists(staged));
     EXPECT_TRUE(entryExists(location + "/f"));
 }
 
-TEST(RepositoryVerifier, copiesDifferInEntriesTypesBytesAndLinkTextsButNotInTimes) {
+TEST(RepositoryVerifier,
+     copiesDifferInEntriesTypesBytesAndLinkTextsButNotInTimesAndConflictOnlyInCommonEntries) {
     TempTree tree;
     auto copies = [&](const std::string& name) {
         tree.write(name + "/a/f", "same");
@@ -95,4 +96,7 @@ TEST(RepositoryVerifier, copiesDifferInEntriesTypesBytesAndLinkTextsButNotInTime
     ASSERT_EQ(symlink("target", (two + "/l").c_str()), 0);
     tree.write("two/a/extra", "");
     EXPECT_EQ(firstDifference(two, one), "only in " + two + ": a/extra");
+    EXPECT_EQ(firstConflict(two, one), "") << "what one copy lacks, a merge copies over";
+    tree.write("two/a/f", "Same");
+    EXPECT_EQ(firstConflict(one, two), "content differs: a/f");
 }
