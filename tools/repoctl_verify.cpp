@@ -274,8 +274,7 @@ int runVerify(int argc, char** argv) {
 
 RepoctlRegistrar verifyCommand(
     "verify", "verify REPO [--repair] [--older-than DURATION] [--json]",
-    "check a repository like fsck and report what is wrong by kind; --repair settles what the "
-    "library can",
+    "check a repository like fsck, by kind of damage; --repair settles what the library can",
     &runVerify,
     "Walks every live mount (without changing access times), the dirty set, the legacy\n"
     "directory, the lock files in $LOCK_VAR and, for a shared repository, the lock rows, and\n"
