@@ -2,16 +2,20 @@
 // that; --repair settles what the library may and leaves the rest; hostile names run nothing
 // and lose nothing; usage errors.
 
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <fstream>
 #include <functional>
 #include <memory>
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "JsonValue.h"
@@ -421,4 +425,74 @@ TEST(RepoctlVerify, usageErrorsExitTwoAfterOneLine) {
     const RepoctlRun missing = runRepoctl({"verify", tree.path("none")});
     EXPECT_EQ(missing.code, 1);
     EXPECT_NE(missing.err.find("no repository directory"), std::string::npos);
+}
+
+// Creators hand out locations (createLocation_, the caller makes the directory afterwards) and
+// make directories under the same top hash level whose empty levels verify --repair removes at
+// the same time: no location loses its parent before its caller creates it.
+TEST(RepoctlVerifyConcurrency, repairRemovesNoHashLevelACreatorIsUsing) {
+    TempTree locks;
+    ScopedEnv lockVar("LOCK_VAR", locks.root().c_str());
+    ScratchRepository repo;
+    repo.addMount("p1");
+    repo.writeConfig({{"isShared", "false"}});
+    std::unique_ptr<char[]> seed(createHash("seed"));
+    const std::string top = std::string(seed.get(), 2);
+    std::vector<std::string> names;
+    for (int i = 0; names.size() < 24; ++i) {
+        const std::string name = "c" + std::to_string(i);
+        std::unique_ptr<char[]> hashed(createHash(name.c_str()));
+        if (std::string(hashed.get(), 2) == top) names.push_back(name);
+    }
+
+    std::atomic<bool> stop{false};
+    std::atomic<int> failures{0};
+    std::atomic<long> created{0};
+    auto creator = [&](size_t first) {
+        for (size_t i = first; !stop; i = (i + 2) % names.size()) {
+            int status = -1, existed = -1;
+            char* location = createLocation_(repo.path().c_str(), names[i].c_str(), &status,
+                                             &existed, true, nullptr);
+            if (location == nullptr || ::mkdir(location, 0755) != 0) {
+                ++failures;
+            } else {
+                ++created;
+            }
+            release(location);
+            if (removeResource_(repo.path().c_str(), names[i].c_str(), true, false, nullptr) != 0)
+                ++failures;
+        }
+    };
+    // Empty levels beside the creators' for verify to find and remove.
+    auto leftovers = [&] {
+        const char letters[] = "QWERTYUIOP";
+        for (int i = 0; !stop; ++i) {
+            const std::string levels = repo.mountPath(0) + "/" + top + "/" + letters[i % 10] +
+                                       "Z/" + letters[(i / 10) % 10] + "Z";
+            mkdirs(levels.c_str(), 0755);
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    };
+    std::thread one(creator, 0), two(creator, 1), three(leftovers);
+    int runs = 0, repairedLevels = 0;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    while (std::chrono::steady_clock::now() < end || runs < 3) {
+        const RepoctlRun run =
+            runRepoctl({"verify", repo.path(), "--repair", "--json"}, {{"LOCK_VAR", locks.root()}});
+        ++runs;
+        JsonValue document;
+        std::string error;
+        ASSERT_TRUE(JsonValue::parse(run.out, document, error)) << error << run.out << run.err;
+        for (const JsonValue& finding : document["findings"].array()) {
+            EXPECT_EQ(finding["kind"].string(), "emptyHashLevel") << run.out;
+            if (finding["repair"]["done"].boolean()) ++repairedLevels;
+        }
+    }
+    stop = true;
+    one.join();
+    two.join();
+    three.join();
+    EXPECT_EQ(failures.load(), 0) << created.load() << " locations created";
+    EXPECT_GT(created.load(), 0);
+    EXPECT_GT(repairedLevels, 0) << "verify found no empty level to remove in " << runs << " runs";
 }
