@@ -85,6 +85,18 @@ std::string joinedWords(const std::vector<std::string>& words) {
 RepositoryVerifier::RepositoryVerifier(KSRepositoryHandler& repository, Options options)
     : repository_(repository), options_(std::move(options)) {}
 
+VerifyFinding RepositoryVerifier::makeFinding(VerifyKind kind, const std::string& name,
+                                              const std::string& path, const std::string& detail,
+                                              std::vector<std::string> locations) {
+    VerifyFinding finding;
+    finding.kind = kind;
+    finding.name = name;
+    finding.path = path;
+    finding.locations = std::move(locations);
+    finding.detail = detail;
+    return finding;
+}
+
 void RepositoryVerifier::add(VerifyFinding finding) {
     findings_.push_back(std::move(finding));
     ++progress_.found;
@@ -149,13 +161,8 @@ void RepositoryVerifier::walkMount(KSMountPointHandler& mount, size_t index) {
         struct stat st;
         if (::lstat(path.c_str(), &st) != 0) continue;
         if (!S_ISDIR(st.st_mode)) {
-            add({VerifyKind::kNotDirectory,
-                 "",
-                 path,
-                 {},
-                 "not a directory, where a hash level belongs",
-                 -1,
-                 {}});
+            add(makeFinding(VerifyKind::kNotDirectory, "", path,
+                            "not a directory, where a hash level belongs"));
             continue;
         }
         walkLevel(mount, index, name, 1);
@@ -171,7 +178,7 @@ void RepositoryVerifier::walkLevel(KSMountPointHandler& mount, size_t index,
     if (names.empty()) {
         // A reserved level is one a creator has just handed out; its resource follows.
         if (present(directory) && !hashLevelReserved(directory)) {
-            add({VerifyKind::kEmptyHashLevel, "", directory, {}, "an empty hash level", -1, {}});
+            add(makeFinding(VerifyKind::kEmptyHashLevel, "", directory, "an empty hash level"));
         }
         return;
     }
@@ -185,21 +192,11 @@ void RepositoryVerifier::walkLevel(KSMountPointHandler& mount, size_t index,
         struct stat st;
         if (::lstat(path.c_str(), &st) != 0) continue;
         if (!S_ISDIR(st.st_mode)) {
-            add({VerifyKind::kNotDirectory,
-                 "",
-                 path,
-                 {},
-                 "not a directory, where a hash level belongs",
-                 -1,
-                 {}});
+            add(makeFinding(VerifyKind::kNotDirectory, "", path,
+                            "not a directory, where a hash level belongs"));
         } else if (!isHashLevelName(name)) {
-            add({VerifyKind::kMisplaced,
-                 name,
-                 path,
-                 {},
-                 "a directory named unlike a hash level, where one belongs",
-                 -1,
-                 {}});
+            add(makeFinding(VerifyKind::kMisplaced, name, path,
+                            "a directory named unlike a hash level, where one belongs"));
         } else {
             walkLevel(mount, index, child, depth + 1);
         }
@@ -211,37 +208,22 @@ void RepositoryVerifier::judgeResourceEntry(KSMountPointHandler& mount, size_t i
     const std::string path = mount.path() + "/" + levels + "/" + entry;
     std::string staged;
     if (options_.stagedCopy && options_.stagedCopy(entry, &staged)) {
-        add({VerifyKind::kPartialCopy,
-             staged,
-             path,
-             {},
-             "a copy staged by a move that did not finish",
-             -1,
-             {}});
+        add(makeFinding(VerifyKind::kPartialCopy, staged, path,
+                        "a copy staged by a move that did not finish"));
         return;
     }
     struct stat st;
     if (::lstat(path.c_str(), &st) != 0) return;
     if (!S_ISDIR(st.st_mode)) {
-        add({VerifyKind::kNotDirectory,
-             entry,
-             path,
-             {},
-             S_ISLNK(st.st_mode) ? "a symbolic link, where resources are directories"
-                                 : "not a directory, where resources are directories",
-             -1,
-             {}});
+        add(makeFinding(VerifyKind::kNotDirectory, entry, path,
+                        S_ISLNK(st.st_mode) ? "a symbolic link, where resources are directories"
+                                            : "not a directory, where resources are directories"));
         return;
     }
     const std::string expected = hashLevelsOf(entry);
     if (expected != levels) {
-        add({VerifyKind::kMisplaced,
-             entry,
-             path,
-             {},
-             "under " + levels + ", while its name hashes to " + expected,
-             -1,
-             {}});
+        add(makeFinding(VerifyKind::kMisplaced, entry, path,
+                        "under " + levels + ", while its name hashes to " + expected));
         return;
     }
     ++progress_.resources;
@@ -283,13 +265,9 @@ void RepositoryVerifier::settleCopies() {
         const std::vector<std::string> copies = copiesOf(name);
         if (copies.size() < 2) continue;
         if (repository_.isDirty(connector_, name.c_str()) != 1) {
-            add({VerifyKind::kDuplicate,
-                 name,
-                 copies.front(),
-                 copies,
-                 "on " + std::to_string(copies.size()) + " mounts, not in the dirty set",
-                 -1,
-                 {}});
+            add(makeFinding(VerifyKind::kDuplicate, name, copies.front(),
+                            "on " + std::to_string(copies.size()) + " mounts, not in the dirty set",
+                            copies));
             continue;
         }
         // Dirty with equal copies is a move that stopped after its copy: the next lookup merges
@@ -299,16 +277,12 @@ void RepositoryVerifier::settleCopies() {
             difference = firstDifference(copies[i - 1], copies[i]);
         if (difference.empty()) continue;
         const std::string conflict = conflictAmong(copies);
-        add({VerifyKind::kPartialCopy,
-             name,
-             copies.back(),
-             copies,
-             conflict.empty() ? "dirty, and one copy lacks entries of another (" + difference +
-                                    "): a lookup merges them"
-                              : "dirty, and its copies hold an entry differently (" + conflict +
-                                    "): no lookup can merge them",
-             -1,
-             {}});
+        add(makeFinding(VerifyKind::kPartialCopy, name, copies.back(),
+                        conflict.empty() ? "dirty, and one copy lacks entries of another (" +
+                                               difference + "): a lookup merges them"
+                                         : "dirty, and its copies hold an entry differently (" +
+                                               conflict + "): no lookup can merge them",
+                        copies));
     }
 }
 
@@ -340,14 +314,10 @@ void RepositoryVerifier::checkDirtySet() {
             }
             if (existsSomewhere() || repository_.isDirty(connector_, name.c_str()) != 1) continue;
         }
-        add({VerifyKind::kStaleDirty,
-             name,
-             repository_.dirtyFlags().filePath(),
-             {},
-             "in the dirty set, but on no mount" +
-                 std::string(legacyDir.empty() ? "" : " and not in the legacy directory"),
-             -1,
-             {}});
+        add(makeFinding(
+            VerifyKind::kStaleDirty, name, repository_.dirtyFlags().filePath(),
+            "in the dirty set, but on no mount" +
+                std::string(legacyDir.empty() ? "" : " and not in the legacy directory")));
     }
 }
 
@@ -377,35 +347,21 @@ void RepositoryVerifier::judgeLegacyLink(const std::string& name, const std::str
         for (const std::string& dead : deadMounts_) {
             if (isUnder(target, dead)) return;
         }
-        add({VerifyKind::kDanglingLink,
-             name,
-             path,
-             {},
-             "points at \"" + target + "\", which does not exist",
-             -1,
-             {}});
+        add(makeFinding(VerifyKind::kDanglingLink, name, path,
+                        "points at \"" + target + "\", which does not exist"));
         return;
     }
     const std::string target = canonical(path);
     for (size_t i = 0; i < liveMounts_.size(); ++i) {
         if (!isUnder(target, canonicalMounts_[i])) continue;
         if (target == canonical(resourceLocation(liveMounts_[i]->path(), name.c_str()))) return;
-        add({VerifyKind::kForeignLink,
-             name,
-             path,
-             {},
-             "points at \"" + target + "\", which is not the location of \"" + name + "\"",
-             -1,
-             {}});
+        add(makeFinding(
+            VerifyKind::kForeignLink, name, path,
+            "points at \"" + target + "\", which is not the location of \"" + name + "\""));
         return;
     }
-    add({VerifyKind::kForeignLink,
-         name,
-         path,
-         {},
-         "points at \"" + target + "\", outside the repository's mounts",
-         -1,
-         {}});
+    add(makeFinding(VerifyKind::kForeignLink, name, path,
+                    "points at \"" + target + "\", outside the repository's mounts"));
 }
 
 // ---- locks ------------------------------------------------------------------------------------

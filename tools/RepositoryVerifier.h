@@ -113,6 +113,9 @@ class RepositoryVerifier {
     // Live mounts holding `name`, in configuration order.
     std::vector<std::string> copiesOf(const std::string& name) const;
     bool isResourceHere(const std::string& name) const;
+    static VerifyFinding makeFinding(VerifyKind kind, const std::string& name,
+                                     const std::string& path, const std::string& detail,
+                                     std::vector<std::string> locations = {});
     void add(VerifyFinding finding);
     // In the order of VerifyKind, each kind in the order found.
     void sortFindings();

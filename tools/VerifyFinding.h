@@ -32,7 +32,7 @@ struct VerifyRepair {
 };
 
 struct VerifyFinding {
-    VerifyKind kind;
+    VerifyKind kind = VerifyKind::kDuplicate;
     std::string name;                    // resource name or lock id; may be empty
     std::string path;                    // the file, directory, link or lock file concerned
     std::vector<std::string> locations;  // copies of the resource, where several matter
