@@ -18,6 +18,7 @@
 #include "KSRepositoryHandler.h"
 #include "KSStatus.h"
 #include "KSTimedLock.h"
+#include "RepoctlCodes.h"
 #include "VerifyLockCheck.h"
 
 namespace {
@@ -53,16 +54,7 @@ bool isUnder(const std::string& path, const std::string& directory) {
 
 // "2 (conflict)": a lookup status by number and name.
 std::string statusText(int status) {
-    static const std::pair<int, const char*> kNames[] = {
-        {RESOURCE_STATUS_FOUND, "found"},           {RESOURCE_STATUS_DIRTY, "dirty"},
-        {RESOURCE_STATUS_CONFLICT, "conflict"},     {RESOURCE_STATUS_MISSING, "missing"},
-        {RESOURCE_STATUS_ERRONEOUS, "erroneous"},   {RESOURCE_STATUS_LOCK_FAILED, "lockFailed"},
-        {RESOURCE_STATUS_NOT_PRESENT, "notPresent"}};
-    const char* name = "unknown";
-    for (const auto& known : kNames) {
-        if (known.first == status) name = known.second;
-    }
-    return std::to_string(status) + " (" + name + ")";
+    return std::to_string(status) + " (" + lookupStatusName(status) + ")";
 }
 
 // The first entry that two copies, in the order a lookup merges them, hold differently.
@@ -370,14 +362,18 @@ void RepositoryVerifier::checkLocks() {
     VerifyLockCheck locks(repository_, options_.olderThanSeconds,
                           [this](const std::string& name) { return isResourceHere(name); });
     std::vector<VerifyFinding> found;
-    locks.checkFiles(found);
-    counts_.lockFiles = locks.filesSeen();
-    for (VerifyFinding& finding : found) add(std::move(finding));
-    if (!repository_.isShared()) return;
-    found.clear();
-    locks.checkRows(found);
-    counts_.lockRows = locks.rowsSeen();
-    for (VerifyFinding& finding : found) add(std::move(finding));
+    auto keep = [&] {
+        counts_.lockFiles = locks.filesSeen();
+        counts_.lockRows = locks.rowsSeen();
+        for (VerifyFinding& finding : found) add(std::move(finding));
+    };
+    try {
+        locks.check(repository_.isShared() ? connector_ : nullptr, found);
+    } catch (...) {
+        keep();
+        throw;
+    }
+    keep();
 }
 
 // ---- repairs ----------------------------------------------------------------------------------

@@ -6,12 +6,14 @@
 #include <ctime>
 #include <list>
 #include <memory>
+#include <stdexcept>
 #include <utility>
 
 #include "DBConnector.h"
 #include "KSPathUtils.h"
 #include "KSRepositoryHandler.h"
 #include "LockDB.h"
+#include "RepoctlLockList.h"
 
 namespace {
 
@@ -53,73 +55,92 @@ VerifyLockCheck::VerifyLockCheck(KSRepositoryHandler& repository, long long olde
     }
 }
 
-VerifyLockCheck::Reading VerifyLockCheck::read(const std::string& id) const {
-    Reading reading;
-    if (startsWith(id, ownPrefix_) || id == ownDirtyLock_) {
-        reading.ours = true;
-        return reading;
+void VerifyLockCheck::check(kelp::db::DBConnector* connector,
+                            std::vector<VerifyFinding>& findings) {
+    checkAges(connector, findings);
+    checkScopeOfFiles(findings);
+    if (connector != nullptr) checkScopeOfRows(connector, findings);
+}
+
+void VerifyLockCheck::checkAges(kelp::db::DBConnector* connector,
+                                std::vector<VerifyFinding>& findings) {
+    RepoctlLockList list(repository_);
+    const bool complete = list.load(connector);
+    for (const RepoctlLockList::Lock& lock : list.locks()) {
+        ++(lock.row ? rowsSeen_ : filesSeen_);
+        if (lock.age <= olderThan_) continue;
+        VerifyFinding finding;
+        finding.kind = lock.row ? VerifyKind::kStaleLockRow : VerifyKind::kStaleLockFile;
+        finding.name = lock.id;
+        finding.path = lock.file;
+        finding.ageSeconds = lock.age;
+        finding.detail = (lock.row ? "lock row" : "lock file") + std::string(" of the ") +
+                         lock.what + " lock, held for " + std::to_string(lock.age) + " s";
+        if (lock.row) finding.detail += " by " + lock.holder + " (" + lock.liveness + ")";
+        findings.push_back(std::move(finding));
     }
+    if (!complete) throw std::runtime_error(list.error());
+}
+
+std::string VerifyLockCheck::otherScopeOf(const std::string& id) const {
+    if (startsWith(id, ownPrefix_) || id == ownDirtyLock_ || !startsWith(id, kIdPrefix))
+        return std::string();
     for (const auto& other : otherPrefixes_) {
-        if (startsWith(id, other.first)) reading.otherScope = other.second;
+        if (startsWith(id, other.first)) return other.second;
     }
     for (const auto& other : otherDirtyLocks_) {
-        if (id == other.first) reading.otherScope = other.second;
+        if (id == other.first) return other.second;
     }
-    if (!reading.otherScope.empty() || !startsWith(id, kIdPrefix)) return reading;
     // <scope>-<name>: the scope's slashes are underscores now and both may hold dashes, so every
     // cut is tried; a cut whose name is a resource on this repository's mounts tells the scope.
     const std::string rest = id.substr(kIdPrefix.size());
     for (size_t dash = rest.find('-'); dash != std::string::npos; dash = rest.find('-', dash + 1)) {
         const std::string name = rest.substr(dash + 1);
-        if (name.empty() || !isSafeResourceName(name.c_str())) continue;
-        if (isResourceHere_(name)) {
-            reading.otherScope = rest.substr(0, dash);
-            break;
-        }
+        if (!name.empty() && isSafeResourceName(name.c_str()) && isResourceHere_(name))
+            return rest.substr(0, dash);
     }
-    return reading;
+    return std::string();
 }
 
-void VerifyLockCheck::judge(const std::string& id, const std::string& path, long long age,
-                            VerifyKind staleKind, const char* what,
-                            std::vector<VerifyFinding>& findings) {
-    const Reading reading = read(id);
-    if (reading.ours && age > olderThan_) {
-        VerifyFinding finding{staleKind, id, path, {}, {}, age, {}};
-        finding.detail = std::string(what) + " held for " + std::to_string(age) + " s";
-        findings.push_back(std::move(finding));
-    } else if (!reading.otherScope.empty()) {
-        VerifyFinding finding{VerifyKind::kLockScope, id, path, {}, {}, age, {}};
-        finding.detail = std::string(what) + " taken under the lock scope \"" + reading.otherScope +
-                         "\", while this server locks the repository under \"" +
-                         repository_.lockScope() + "\": the two do not exclude each other";
-        findings.push_back(std::move(finding));
-    }
+void VerifyLockCheck::reportScope(const std::string& id, const std::string& path, long long age,
+                                  const std::string& what, const std::string& scope,
+                                  std::vector<VerifyFinding>& findings) const {
+    VerifyFinding finding;
+    finding.kind = VerifyKind::kLockScope;
+    finding.name = id;
+    finding.path = path;
+    finding.ageSeconds = age;
+    finding.detail = what + " taken under the lock scope \"" + scope +
+                     "\", while this server locks the repository under \"" +
+                     repository_.lockScope() + "\": the two do not exclude each other";
+    findings.push_back(std::move(finding));
 }
 
-void VerifyLockCheck::checkFiles(std::vector<VerifyFinding>& findings) {
+void VerifyLockCheck::checkScopeOfFiles(std::vector<VerifyFinding>& findings) {
     const std::string directory = lockDirectory();
     std::list<std::string> names;
     listDir(directory.c_str(), &names, true, true);
     const time_t now = time(nullptr);
     for (const std::string& name : names) {
         if (!startsWith(name, kFilePrefix + kIdPrefix)) continue;
+        const std::string id = name.substr(kFilePrefix.size());
+        const std::string scope = otherScopeOf(id);
+        if (scope.empty()) continue;
         const std::string path = directory + "/" + name;
         struct stat st;
         if (::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
-        ++filesSeen_;
-        judge(name.substr(kFilePrefix.size()), path, static_cast<long long>(now - st.st_mtime),
-              VerifyKind::kStaleLockFile, "lock file", findings);
+        reportScope(id, path, static_cast<long long>(now - st.st_mtime), "lock file", scope,
+                    findings);
     }
 }
 
-void VerifyLockCheck::checkRows(std::vector<VerifyFinding>& findings) {
-    kelp::db::DBConnector* connector = repository_.getDbConnector(nullptr);
-    if (connector == nullptr) return;
+void VerifyLockCheck::checkScopeOfRows(kelp::db::DBConnector* connector,
+                                       std::vector<VerifyFinding>& findings) {
     for (const kelp::db::LockDB::Row& row : connector->lockDB()->locksWithPrefix(kIdPrefix)) {
-        ++rowsSeen_;
-        judge(row.lockId, std::string(), row.ageSeconds, VerifyKind::kStaleLockRow,
-              ("lock row of " + (row.actor.empty() ? std::string("no actor") : row.actor)).c_str(),
-              findings);
+        const std::string scope = otherScopeOf(row.lockId);
+        if (scope.empty()) continue;
+        reportScope(row.lockId, std::string(), row.ageSeconds,
+                    "lock row of " + (row.actor.empty() ? std::string("no actor") : row.actor),
+                    scope, findings);
     }
 }

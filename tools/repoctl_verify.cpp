@@ -1,10 +1,6 @@
 // repoctl verify: checks a repository the way fsck checks a file system (RepositoryVerifier),
 // optionally repairs what the library itself can settle, and reports by kind as text or JSON.
 
-#include <sys/stat.h>
-
-#include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +11,7 @@
 #include "JsonWriter.h"
 #include "KSException.h"
 #include "KSRepositoryHandler.h"
+#include "RepoctlArgs.h"
 #include "RepoctlCommand.h"
 #include "RepoctlProgress.h"
 #include "RepositoryVerifier.h"
@@ -30,68 +27,20 @@ struct VerifyArguments {
     long long olderThan = kDefaultOlderThan;
 };
 
-// "90s", "15m", "2h", "7d" or a bare number of seconds.
-bool parseDuration(const std::string& text, long long& seconds) {
-    if (text.empty() || text[0] < '0' || text[0] > '9') return false;
-    errno = 0;
-    char* end = nullptr;
-    const unsigned long long number = strtoull(text.c_str(), &end, 10);
-    if (errno != 0) return false;
-    const std::string unit(end);
-    long long factor = 1;
-    if (unit == "m")
-        factor = 60;
-    else if (unit == "h")
-        factor = 3600;
-    else if (unit == "d")
-        factor = 86400;
-    else if (!unit.empty() && unit != "s")
-        return false;
-    if (number > static_cast<unsigned long long>(LLONG_MAX / factor)) return false;
-    seconds = static_cast<long long>(number) * factor;
-    return true;
-}
-
-int usageError(const char* command, const std::string& what) {
-    fprintf(stderr, "repoctl %s: %s\n", command, what.c_str());
-    return repoctlUsage(command);
-}
-
 // 0 when the arguments are good, else the exit status of the usage error already reported.
 int parseArguments(int argc, char** argv, VerifyArguments& arguments) {
-    bool positional = false;
-    bool optionsEnd = false;
-    for (int i = 1; i < argc; ++i) {
-        const std::string argument = argv[i];
-        if (!optionsEnd && argument == "--") {
-            optionsEnd = true;
-        } else if (!optionsEnd && argument == "--json") {
-            arguments.json = true;
-        } else if (!optionsEnd && argument == "--repair") {
-            arguments.repair = true;
-        } else if (!optionsEnd &&
-                   (argument == "--older-than" || argument.compare(0, 13, "--older-than=") == 0)) {
-            std::string value;
-            if (argument.size() > 12) {
-                value = argument.substr(13);
-            } else if (i + 1 < argc) {
-                value = argv[++i];
-            } else {
-                return usageError(argv[0], "--older-than needs a duration");
-            }
-            if (!parseDuration(value, arguments.olderThan))
-                return usageError(argv[0],
-                                  "\"" + value + "\" is not a duration (90s, 15m, 2h, 7d)");
-        } else if (!optionsEnd && argument.compare(0, 2, "--") == 0) {
-            return usageError(argv[0], "unknown option \"" + argument + "\"");
-        } else if (positional) {
-            return usageError(argv[0], "one repository expected");
-        } else {
-            arguments.repository = argument;
-            positional = true;
+    RepoctlArgs args(argc, argv, {"--json", "--repair"}, {"--older-than"});
+    if (!args.ok()) return repoctlUsageError(argv[0], args.error());
+    if (args.positional().size() != 1) return repoctlUsageError(argv[0], "expected one REPO");
+    arguments.repository = args.positional()[0];
+    arguments.json = args.has("--json");
+    arguments.repair = args.has("--repair");
+    if (const char* value = args.value("--older-than")) {
+        if (!parseDuration(value, arguments.olderThan)) {
+            return repoctlUsageError(
+                argv[0], std::string("\"") + value + "\" is no duration (90s, 15m, 2h, 7d)");
         }
     }
-    if (!positional) return usageError(argv[0], "a repository is needed");
     return 0;
 }
 
@@ -230,12 +179,7 @@ std::string progressLine(RepositoryVerifier& verifier, size_t mounts) {
 int runVerify(int argc, char** argv) {
     VerifyArguments arguments;
     if (int usage = parseArguments(argc, argv, arguments)) return usage;
-    struct stat st;
-    if (::stat(arguments.repository.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-        fprintf(stderr, "repoctl verify: no repository directory \"%s\"\n",
-                arguments.repository.c_str());
-        return 1;
-    }
+    if (!isRepositoryDirectory(argv[0], arguments.repository)) return 1;
     std::shared_ptr<KSRepositoryHandler> repository =
         getRepository(nullptr, arguments.repository.c_str(), true);
     if (repository->isUnusable()) {

@@ -233,7 +233,7 @@ TEST(RepoctlVerify, aHealthyRepositoryIsCleanAndItsResourcesKeepTheirAccessTimes
     EXPECT_EQ(document["checked"]["mounts"].number(), 2);
     EXPECT_EQ(document["checked"]["resources"].number(), 5);
     EXPECT_EQ(document["checked"]["dirtyNames"].number(), 2);
-    EXPECT_EQ(document["checked"]["lockFiles"].number(), 2);
+    EXPECT_EQ(document["checked"]["lockFiles"].number(), 1) << "the other repository's is not";
 
     struct stat after, levelAfter;
     ASSERT_EQ(stat(healthy.c_str(), &after), 0);
