@@ -121,6 +121,7 @@ void RepositoryVerifier::run() {
     counts_.resources = progress_.resources;
     counts_.hashLevels = progress_.hashLevels;
     settleCopies();
+    settleStagedCopies();
     checkDirtySet();
     checkLegacyLinks();
     if (options_.repair) repairAll();
@@ -200,8 +201,7 @@ void RepositoryVerifier::judgeResourceEntry(KSMountPointHandler& mount, size_t i
     const std::string path = mount.path() + "/" + levels + "/" + entry;
     std::string staged;
     if (options_.stagedCopy && options_.stagedCopy(entry, &staged)) {
-        add(makeFinding(VerifyKind::kPartialCopy, staged, path,
-                        "a copy staged by a move that did not finish"));
+        stagedCopies_.emplace_back(path, staged);
         return;
     }
     struct stat st;
@@ -275,6 +275,31 @@ void RepositoryVerifier::settleCopies() {
                                          : "dirty, and its copies hold an entry differently (" +
                                                conflict + "): no lookup can merge them",
                         copies));
+    }
+}
+
+// A copy is staged while its resource's lock is held; one still there when the lock is free is
+// left over from a move that did not finish.
+void RepositoryVerifier::settleStagedCopies() {
+    for (const auto& staged : stagedCopies_) {
+        const std::string& path = staged.first;
+        const std::string& name = staged.second;
+        if (name.empty()) {
+            add(makeFinding(VerifyKind::kPartialCopy, name, path,
+                            "a copy staged by a move, for a resource whose name is shortened "
+                            "here: not confirmed under its lock"));
+            continue;
+        }
+        KSTimedLock lock(repository_.isShared(), repository_.lockScope(), name, connector_);
+        if (!lock.acquire(false)) {
+            notes_.push_back("the staged copy \"" + path +
+                             "\" could not be confirmed: its resource's lock was not obtained");
+            continue;
+        }
+        if (present(path)) {
+            add(makeFinding(VerifyKind::kPartialCopy, name, path,
+                            "a copy staged by a move that did not finish"));
+        }
     }
 }
 

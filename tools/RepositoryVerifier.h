@@ -50,10 +50,11 @@ class RepositoryVerifier {
     struct Options {
         long long olderThanSeconds = 86400;  // locks older than this are stale
         bool repair = false;
-        // Recognises an entry at resource level (below the three hash levels) that a move left
-        // while staging its copy: true, with *resource set to the resource it stages. Such an
-        // entry is reported as a partial copy instead of being judged as a resource. Unset: no
-        // entry is taken for a staged copy.
+        // Recognises an entry at resource level (below the three hash levels) that a move makes
+        // while staging its copy: true, with *resource set to the resource it stages (empty when
+        // the entry does not tell). Such an entry is not judged as a resource; one that is still
+        // there under its resource's lock is reported as a partial copy. Unset: no entry is
+        // taken for a staged copy.
         std::function<bool(const std::string& entry, std::string* resource)> stagedCopy;
     };
 
@@ -99,6 +100,7 @@ class RepositoryVerifier {
     void judgeResourceEntry(KSMountPointHandler& mount, size_t index, const std::string& levels,
                             const std::string& entry);
     void settleCopies();
+    void settleStagedCopies();
     void checkDirtySet();
     void checkLegacyLinks();
     void judgeLegacyLink(const std::string& name, const std::string& path);
@@ -129,6 +131,8 @@ class RepositoryVerifier {
     std::vector<std::string> dirtySnapshot_;
     // Names seen on more than one live mount during the walk.
     std::map<std::string, std::vector<std::string>> multipleCopies_;
+    // Entries the stagedCopy recogniser took for staged copies: (path, resource or "").
+    std::vector<std::pair<std::string, std::string>> stagedCopies_;
     std::vector<VerifyFinding> findings_;
     std::vector<std::string> notes_;
     Counts counts_;

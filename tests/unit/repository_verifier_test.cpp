@@ -8,13 +8,16 @@
 #include <memory>
 #include <string>
 
+#include "ClockControl.h"
 #include "CopyComparison.h"
+#include "KSClock.h"
 #include "KSRepositoryHandler.h"
 #include "RepositoryVerifier.h"
 #include "ResourceFiles.h"
 #include "ScopedEnv.h"
 #include "ScratchRepository.h"
 #include "TempTree.h"
+#include "repohandler.h"
 
 namespace {
 
@@ -54,6 +57,14 @@ TEST(RepositoryVerifier, aCopyStagedByAnUnfinishedMoveIsAPartialCopyOnceItsNameI
         *resource = entry.substr(0, entry.size() - suffix.size());
         return true;
     };
+    {
+        // While the move holds the resource's lock, its staged copy is work in progress.
+        ClockGuard clock;
+        KSClock::setVirtualSleepForTesting(true);
+        ASSERT_EQ(lockResource_(repo.path().c_str(), "study", nullptr), 1);
+        EXPECT_EQ(verifyWith(repo, options).size(), 0u);
+        ASSERT_EQ(unlockResource_(repo.path().c_str(), "study", nullptr), 1);
+    }
     options.repair = true;
     found = verifyWith(repo, options);
     ASSERT_EQ(found.size(), 1u);
