@@ -10,7 +10,6 @@
 #include "QueryBindings.h"
 #include "QueryResult.h"
 #include "QuerySqlBuilder.h"
-#include "ReferenceMatcher.h"
 #include "SearchStatementCache.h"
 #include "Sql.h"
 #include "SqlConnection.h"
@@ -18,6 +17,7 @@
 #include "SqlResult.h"
 #include "SqlStatement.h"
 #include "TimedPSSupplier.h"
+#include "ValueMatcher.h"
 
 namespace kelp {
 namespace db {
@@ -126,13 +126,36 @@ std::optional<std::string> columnValue(SqlStatement& statement, QueryResult& res
     return whole;
 }
 
-bool passesRechecks(const BuiltQuery& built, const Row& row) {
-    for (const Recheck& recheck : built.rechecks) {
-        ReferenceEntity entity;
-        if (row[recheck.column]) entity.values[recheck.node.tag] = *row[recheck.column];
-        if (!ReferenceMatcher::matches(recheck.node, entity)) return false;
+// Writes number as exactly digits decimal digits (more when it needs more).
+void appendDigits(std::string& out, unsigned long number, int digits) {
+    char text[24];
+    int length = 0;
+    do {
+        text[length++] = static_cast<char>('0' + number % 10);
+        number /= 10;
+    } while (number > 0 || length < digits);
+    while (length > 0) out += text[--length];
+}
+
+// A date, time or date-time as DICOM text: DA "20240131", TM "101500.000000",
+// DT "20240131101500.000000".
+std::string dicomText(const MYSQL_TIME& moment, BoundValue::Type type) {
+    std::string out;
+    out.reserve(24);
+    if (moment.neg) out += '-';
+    if (type != BoundValue::Type::Time) {
+        appendDigits(out, moment.year, 4);
+        appendDigits(out, moment.month, 2);
+        appendDigits(out, moment.day, 2);
     }
-    return true;
+    if (type != BoundValue::Type::Date) {
+        appendDigits(out, moment.hour, 2);
+        appendDigits(out, moment.minute, 2);
+        appendDigits(out, moment.second, 2);
+        out += '.';
+        appendDigits(out, moment.second_part, 6);
+    }
+    return out;
 }
 
 }  // namespace
@@ -140,22 +163,43 @@ bool passesRechecks(const BuiltQuery& built, const Row& row) {
 QueryAnswer RawQueryDB::find(const QueryMapping& mapping, const QueryRequest& request,
                              unsigned long timeLimitSeconds) {
     BuiltQuery built = QuerySqlBuilder(mapping).build(request);
-    std::vector<Row> rows = fetchRows(built.sql, built, built.columnCount, timeLimitSeconds);
+    std::vector<Row> rows = fetchRows(built.sql, built, built.columnTypes, timeLimitSeconds);
+    std::vector<std::pair<ValueMatcher, size_t>> rechecks;
+    for (const Recheck& recheck : built.rechecks)
+        rechecks.emplace_back(ValueMatcher(recheck.node), recheck.column);
+    auto passes = [&rechecks](const Row& row) {
+        for (const auto& [matcher, column] : rechecks) {
+            const std::optional<std::string>& value = row[column];
+            if (!matcher.matches(value ? &*value : nullptr)) return false;
+        }
+        return true;
+    };
+    // The selected columns are usually the return keys in order: then rows are answered whole.
+    bool inOrder = built.returnColumns.size() == built.columnCount;
+    for (size_t i = 0; inOrder && i < built.returnColumns.size(); ++i)
+        inOrder = built.returnColumns[i] == static_cast<int>(i);
+
     QueryAnswer answer;
     answer.unusedKeys = built.unusedKeys;
+    answer.rows.reserve(rows.size());
     uint64_t skipped = 0;
     for (Row& row : rows) {
         if (!built.limitedInSql) {
-            if (!passesRechecks(built, row)) continue;
+            if (!passes(row)) continue;
             if (skipped < request.offset) {
                 ++skipped;
                 continue;
             }
             if (request.limit > 0 && answer.rows.size() >= request.limit) break;
         }
-        Row out;
+        if (inOrder) {
+            answer.rows.push_back(std::move(row));
+            continue;
+        }
+        Row out;  // values are copied: two return keys may share a column
+        out.reserve(built.returnColumns.size());
         for (int column : built.returnColumns)
-            out.push_back(column < 0 ? std::nullopt : std::move(row[column]));
+            out.push_back(column < 0 ? std::nullopt : row[column]);
         answer.rows.push_back(std::move(out));
     }
     return answer;
@@ -163,45 +207,65 @@ QueryAnswer RawQueryDB::find(const QueryMapping& mapping, const QueryRequest& re
 
 std::string RawQueryDB::explain(const QueryMapping& mapping, const QueryRequest& request) {
     BuiltQuery built = QuerySqlBuilder(mapping).build(request);
-    std::vector<Row> rows = fetchRows("EXPLAIN FORMAT=JSON " + built.sql, built, 1, 0);
+    std::vector<Row> rows =
+        fetchRows("EXPLAIN FORMAT=JSON " + built.sql, built, {BoundValue::Type::Text}, 0);
     return rows.empty() || !rows[0][0] ? std::string() : *rows[0][0];
 }
 
-// Runs sql with the values of built bound and reads columnCount columns of every row as text.
+// Runs sql with the values of built bound and reads every row: one column per entry of
+// columnTypes, each as text (dates and times written as DICOM text).
 std::vector<Row> RawQueryDB::fetchRows(const std::string& sql, const BuiltQuery& built,
-                                       size_t columnCount, unsigned long timeLimitSeconds) {
+                                       const std::vector<BoundValue::Type>& columnTypes,
+                                       unsigned long timeLimitSeconds) {
     constexpr size_t kBufferSize = 256;
+    const size_t columnCount = columnTypes.size();
     std::lock_guard<std::recursive_mutex> guard(connector_.sql().mutex());
     const size_t paramCount = built.params.size();
     QueryBindings bindings(static_cast<int>(paramCount), static_cast<int>(columnCount));
-    std::vector<MYSQL_TIME> moments(paramCount);
-    std::vector<unsigned long long> counts(paramCount);
+    // Typed values need a buffer each; most values of a long search are texts, bound in place.
+    const size_t typedCount = static_cast<size_t>(std::count_if(
+        built.params.begin(), built.params.end(),
+        [](const BoundValue& value) { return value.type != BoundValue::Type::Text; }));
+    std::vector<MYSQL_TIME> moments;
+    std::vector<unsigned long long> counts;
+    moments.reserve(typedCount);  // no reallocation below: the bindings point into both
+    counts.reserve(typedCount);
     for (size_t i = 0; i < paramCount; ++i) {
         const BoundValue& value = built.params[i];
         const int index = static_cast<int>(i);
         if (value.type == BoundValue::Type::Text) {
             bindings.bindString(index, value.text);
         } else if (value.type == BoundValue::Type::Count) {
-            counts[i] = value.count;
-            bindings.bindParam(index, MYSQL_TYPE_LONGLONG, &counts[i], sizeof counts[i], nullptr,
-                               nullptr, UNSIGNED_VALUE);
+            unsigned long long& count = counts.emplace_back(value.count);
+            bindings.bindParam(index, MYSQL_TYPE_LONGLONG, &count, sizeof count, nullptr, nullptr,
+                               UNSIGNED_VALUE);
         } else {
-            moments[i] = toMysqlTime(value.type, value.micros);
-            bindings.bindParam(index, fieldType(value.type), &moments[i], sizeof moments[i],
-                               nullptr, nullptr, SIGNED_VALUE);
+            MYSQL_TIME& moment = moments.emplace_back(toMysqlTime(value.type, value.micros));
+            bindings.bindParam(index, fieldType(value.type), &moment, sizeof moment, nullptr,
+                               nullptr, SIGNED_VALUE);
         }
     }
-    std::vector<std::vector<char>> buffers(columnCount, std::vector<char>(kBufferSize));
+    // Text columns arrive in a buffer of their own; dates and times as MYSQL_TIME.
+    std::vector<std::vector<char>> buffers(columnCount);
+    std::vector<MYSQL_TIME> fetchedMoments(columnCount);
     std::vector<std::unique_ptr<QueryResult>> results;
+    results.reserve(columnCount);
     for (size_t i = 0; i < columnCount; ++i) {
-        results.push_back(std::make_unique<QueryResult>(MYSQL_TYPE_STRING, buffers[i].data(),
-                                                        kBufferSize, SIGNED_VALUE));
+        if (columnTypes[i] == BoundValue::Type::Text) {
+            buffers[i].resize(kBufferSize);
+            results.push_back(std::make_unique<QueryResult>(MYSQL_TYPE_STRING, buffers[i].data(),
+                                                            kBufferSize, SIGNED_VALUE));
+        } else {
+            results.push_back(std::make_unique<QueryResult>(
+                fieldType(columnTypes[i]), &fetchedMoments[i], sizeof(MYSQL_TIME), SIGNED_VALUE));
+        }
         bindings.bindResult(static_cast<int>(i), *results[i]);
     }
 
     TimedPSSupplier supplier(connector_, *statements_, sql, timeLimitSeconds);
     PSHandle handle = connector_.executeQuery(supplier, bindings);
     std::vector<Row> rows;
+    rows.reserve(static_cast<size_t>(mysql_stmt_num_rows(handle.statement->handle())));
     while (true) {
         int status = handle.statement->fetch();
         if (status == MYSQL_NO_DATA) break;
@@ -209,11 +273,18 @@ std::vector<Row> RawQueryDB::fetchRows(const std::string& sql, const BuiltQuery&
             throw DBException(std::string("Fetching a row failed: ") +
                                   mysql_stmt_error(handle.statement->handle()),
                               mysql_stmt_errno(handle.statement->handle()));
-        Row row;
-        for (size_t i = 0; i < columnCount; ++i)
-            row.push_back(
-                columnValue(*handle.statement, *results[i], buffers[i], static_cast<unsigned>(i)));
-        rows.push_back(std::move(row));
+        Row& row = rows.emplace_back();
+        row.reserve(columnCount);
+        for (size_t i = 0; i < columnCount; ++i) {
+            if (columnTypes[i] == BoundValue::Type::Text) {
+                row.push_back(columnValue(*handle.statement, *results[i], buffers[i],
+                                          static_cast<unsigned>(i)));
+            } else if (results[i]->isNull()) {
+                row.emplace_back();
+            } else {
+                row.push_back(dicomText(fetchedMoments[i], columnTypes[i]));
+            }
+        }
     }
     return rows;
 }

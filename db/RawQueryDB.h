@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "BuiltQuery.h"
 #include "QueryRequest.h"
 #include "RhExport.h"
 #include "SqlField.h"
@@ -15,7 +16,6 @@ namespace db {
 class DBConnectorSql;
 class QueryMapping;
 class SearchStatementCache;
-struct BuiltQuery;
 class SqlResult;
 
 // Runs searches built from DICOM matching keys, and free-form text queries, on its connector's
@@ -50,10 +50,9 @@ class RH_EXPORT RawQueryDB {
     std::string explain(const QueryMapping& mapping, const QueryRequest& request);
 
   private:
-    std::vector<std::vector<std::optional<std::string>>> fetchRows(const std::string& sql,
-                                                                   const BuiltQuery& built,
-                                                                   size_t columnCount,
-                                                                   unsigned long timeLimitSeconds);
+    std::vector<std::vector<std::optional<std::string>>> fetchRows(
+        const std::string& sql, const BuiltQuery& built,
+        const std::vector<BoundValue::Type>& columnTypes, unsigned long timeLimitSeconds);
     std::unique_ptr<SqlResult> run(const std::string& sql, unsigned long timeLimitSeconds);
 
     DBConnectorSql& connector_;

@@ -30,8 +30,11 @@ struct Recheck {
 struct BuiltQuery {
     std::string sql;
     std::vector<BoundValue> params;
-    // Number of selected columns; per return key, the index of its column or -1.
+    // Number of selected columns, and how each arrives: Text, or a Date, Time or DateTime that
+    // the reader writes as DICOM text (DA "20240131", TM "101500.000000", DT
+    // "20240131101500.000000"). Per return key, the index of its column or -1.
     size_t columnCount = 0;
+    std::vector<BoundValue::Type> columnTypes;
     std::vector<int> returnColumns;
     std::vector<Recheck> rechecks;
     // Whether LIMIT and OFFSET are in the SQL (false when rows are re-checked first).

@@ -1,7 +1,7 @@
 #include "KeyParser.h"
 
 #include <algorithm>
-#include <set>
+#include <string_view>
 
 #include "DBException.h"
 #include "QueryMapping.h"
@@ -69,7 +69,46 @@ bool onlyStars(const std::string& value) {
     return !value.empty() && value.find_first_not_of('*') == std::string::npos;
 }
 
-bool validUid(const std::string& uid) {
+// A view of text without its leading and trailing spaces.
+std::string_view trimmed(std::string_view text) {
+    const size_t begin = text.find_first_not_of(' ');
+    if (begin == std::string_view::npos) return std::string_view();
+    return text.substr(begin, text.find_last_not_of(' ') + 1 - begin);
+}
+
+// The '*' and '?' of a value (a loop: find_first_of would call memchr once per character).
+bool hasWildcard(std::string_view value) {
+    for (char c : value)
+        if (c == '*' || c == '?') return true;
+    return false;
+}
+
+// The distinct values of a list, as views into its text: an open-addressing table of at least
+// twice as many slots as values, one allocation however long the list.
+class UidSet {
+  public:
+    explicit UidSet(size_t count) {
+        size_t size = 16;
+        while (size < 2 * count) size *= 2;
+        slots_.resize(size);
+    }
+    // Whether uid was not in the set before; it is now.
+    bool insert(std::string_view uid) {
+        const size_t mask = slots_.size() - 1;
+        for (size_t i = std::hash<std::string_view>()(uid) & mask;; i = (i + 1) & mask) {
+            if (slots_[i].data() == nullptr) {
+                slots_[i] = uid;
+                return true;
+            }
+            if (slots_[i] == uid) return false;
+        }
+    }
+
+  private:
+    std::vector<std::string_view> slots_;
+};
+
+bool validUid(std::string_view uid) {
     if (uid.empty() || uid.size() > 64) return false;
     for (char c : uid)
         if (c != '.' && (c < '0' || c > '9')) return false;
@@ -200,7 +239,7 @@ MatchNode KeyParser::parseValue(const MatchingKey& key, Form* form) const {
 Match KeyParser::parseText(const MatchingKey& key, const std::string& value) const {
     if (value.find('\\') != std::string::npos && !isFreeTextVr(key.vr))
         fail(key, "a list of values is matched only for UIDs");
-    const bool wild = value.find_first_of("*?") != std::string::npos;
+    const bool wild = hasWildcard(value);
     const bool caseInsensitive = key.vr == "PN" && options_.caseInsensitivePersonNames;
     if (!wild) return SingleValueMatch{value, caseInsensitive};
     if (key.vr == "AS") fail(key, "wildcards are not matched for VR AS");
@@ -211,17 +250,21 @@ Match KeyParser::parseText(const MatchingKey& key, const std::string& value) con
 }
 
 Match KeyParser::parseUids(const MatchingKey& key, const std::string& value) const {
-    if (value.find_first_of("*?") != std::string::npos)
-        fail(key, "wildcards are not matched for UIDs");
+    if (hasWildcard(value)) fail(key, "wildcards are not matched for UIDs");
+    // Lists of thousands of UIDs are common (a viewer asking for every study of a work list):
+    // the values are cut out as views of the key's text, and copied once, into the answer.
+    const std::string_view text(value);
+    const size_t count = static_cast<size_t>(std::count(text.begin(), text.end(), '\\')) + 1;
     std::vector<std::string> uids;
-    std::set<std::string> seen;
+    uids.reserve(count);
+    UidSet seen(count);
     size_t start = 0;
     while (true) {
-        size_t end = value.find('\\', start);
-        std::string uid = unpadded("UI", value.substr(start, end - start));
-        if (!validUid(uid)) fail(key, "'" + shown(uid) + "' is not a UID");
-        if (seen.insert(uid).second) uids.push_back(uid);
-        if (end == std::string::npos) break;
+        const size_t end = text.find('\\', start);
+        const std::string_view uid = trimmed(text.substr(start, end - start));
+        if (!validUid(uid)) fail(key, "'" + shown(std::string(uid)) + "' is not a UID");
+        if (seen.insert(uid)) uids.emplace_back(uid);
+        if (end == std::string_view::npos) break;
         start = end + 1;
     }
     if (uids.size() == 1) return SingleValueMatch{uids[0], false};

@@ -13,6 +13,7 @@ struct QuerySqlBuilder::Context {
     std::vector<std::string> conditions;
     std::vector<BoundValue> params;
     std::vector<std::string> selected;
+    std::vector<BoundValue::Type> selectedTypes;
     std::vector<Recheck> rechecks;
     bool inSequence = false;
     int sequences = 0;
@@ -23,10 +24,18 @@ struct QuerySqlBuilder::Context {
                               " values; split it");
         params.push_back(std::move(value));
     }
-    void bindText(const std::string& text) {
+    void bindText(std::string text) {
         BoundValue value;
-        value.text = text;
+        value.text = std::move(text);
         bind(std::move(value));
+    }
+    // The index of the selected column expression, selected now unless it already is.
+    size_t select(const std::string& expression, BoundValue::Type type) {
+        for (size_t i = 0; i < selected.size(); ++i)
+            if (selected[i] == expression) return i;
+        selected.push_back(expression);
+        selectedTypes.push_back(type);
+        return selected.size() - 1;
     }
     void bindMoment(BoundValue::Type type, int64_t micros) {
         BoundValue value;
@@ -82,15 +91,6 @@ const int64_t kWidestEast = DicomTime::kMaxOffsetMinutes * DicomTime::kMicrosPer
 const int64_t kWidestWest = DicomTime::kMinOffsetMinutes * DicomTime::kMicrosPerMinute;
 
 }  // namespace
-
-std::string QuerySqlBuilder::selectExpression(const ColumnMapping& column,
-                                              const std::string& alias) const {
-    std::string name = qualified(alias, column.column);
-    if (column.vr == "DA") return "DATE_FORMAT(" + name + ",'%Y%m%d')";
-    if (column.vr == "TM") return "DATE_FORMAT(" + name + ",'%H%i%s.%f')";
-    if (column.vr == "DT") return "DATE_FORMAT(" + name + ",'%Y%m%d%H%i%s.%f')";
-    return name;
-}
 
 std::string QuerySqlBuilder::timezoneColumn(const Context& context) const {
     if (mapping_.timezoneColumn().empty())
@@ -150,13 +150,13 @@ void QuerySqlBuilder::addDateTime(Context& context, const MatchNode& node,
     if (both.upper) add(*both.upper, "<=", kWidestEast);
 }
 
-void QuerySqlBuilder::addCondition(Context& context, const MatchNode& node,
-                                   const ColumnMapping& column, const std::string& alias) const {
+void QuerySqlBuilder::addCondition(Context& context, MatchNode& node, const ColumnMapping& column,
+                                   const std::string& alias) const {
     if (column.vr != node.vr)
         throw DBException("Matching key " + KeyParser::tagName(node.tag) + " has VR " + node.vr +
                           " but its column holds " + column.vr);
     const std::string name = qualified(alias, column.column);
-    const Match& match = node.match;
+    Match& match = node.match;
     auto loose = [&](const std::string& operation) {
         if (column.foldedColumn.empty())
             throw DBException("Case-insensitive matching of " + KeyParser::tagName(node.tag) +
@@ -165,8 +165,7 @@ void QuerySqlBuilder::addCondition(Context& context, const MatchNode& node,
             throw DBException("Case-insensitive matching of " + KeyParser::tagName(node.tag) +
                               " inside a sequence item is not supported");
         context.conditions.push_back(qualified(alias, column.foldedColumn) + operation);
-        context.rechecks.push_back(Recheck{node, context.selected.size()});
-        context.selected.push_back(name);
+        context.rechecks.push_back(Recheck{node, context.select(name, BoundValue::Type::Text)});
     };
     if (std::holds_alternative<UniversalMatch>(match)) return;
     if (std::holds_alternative<EmptyValueMatch>(match)) {
@@ -187,18 +186,24 @@ void QuerySqlBuilder::addCondition(Context& context, const MatchNode& node,
             context.conditions.push_back(name + " LIKE ? ESCAPE '!'");
         }
         context.bindText(likePattern(wild->pattern));
-    } else if (const auto* list = std::get_if<UidListMatch>(&match)) {
+    } else if (auto* list = std::get_if<UidListMatch>(&match)) {
+        // The UIDs move into the bound values: a list may hold thousands.
+        std::vector<std::string>& uids = list->uids;
+        context.params.reserve(context.params.size() + uids.size());
         std::string condition = "(";
-        for (size_t i = 0; i < list->uids.size(); i += kInChunk) {
+        condition.reserve(2 + uids.size() * 2 + (uids.size() / kInChunk + 1) * (name.size() + 10));
+        for (size_t i = 0; i < uids.size(); i += kInChunk) {
             if (i > 0) condition += " OR ";
-            condition += name + " IN (";
-            for (size_t k = i; k < list->uids.size() && k < i + kInChunk; ++k) {
+            condition += name;
+            condition += " IN (";
+            for (size_t k = i; k < uids.size() && k < i + kInChunk; ++k) {
                 condition += k == i ? "?" : ",?";
-                context.bindText(list->uids[k]);
+                context.bindText(std::move(uids[k]));
             }
-            condition += ")";
+            condition += ')';
         }
-        context.conditions.push_back(condition + ")");
+        condition += ')';
+        context.conditions.push_back(std::move(condition));
     } else if (const auto* range = std::get_if<RangeMatch>(&match)) {
         addRange(context, name, column.vr, range->lower, range->upper);
     } else if (std::holds_alternative<DateTimeMatch>(match)) {
@@ -206,7 +211,7 @@ void QuerySqlBuilder::addCondition(Context& context, const MatchNode& node,
     }
 }
 
-void QuerySqlBuilder::addSequence(Context& context, const MatchNode& node) const {
+void QuerySqlBuilder::addSequence(Context& context, MatchNode& node) const {
     const SequenceTable& table = *mapping_.sequence(node.tag);
     if (static_cast<int>(table.level) > static_cast<int>(context.level))
         throw DBException("Sequence " + KeyParser::tagName(node.tag) + " belongs to the " +
@@ -216,7 +221,7 @@ void QuerySqlBuilder::addSequence(Context& context, const MatchNode& node) const
     std::vector<std::string> outer;
     outer.swap(context.conditions);
     context.inSequence = true;
-    for (const MatchNode& itemNode : std::get<SequenceMatch>(node.match).item)
+    for (MatchNode& itemNode : std::get<SequenceMatch>(node.match).item)
         addCondition(context, itemNode, table.items.at(itemNode.tag), alias);
     context.inSequence = false;
     std::string condition = "EXISTS (SELECT 1 FROM " + quoted(table.table) + " " + alias +
@@ -242,10 +247,14 @@ BuiltQuery QuerySqlBuilder::build(const QueryRequest& request) const {
             built.returnColumns.push_back(-1);
             continue;
         }
-        built.returnColumns.push_back(static_cast<int>(context.selected.size()));
-        context.selected.push_back(selectExpression(*column, levelAlias(column->level)));
+        // Dates and times arrive typed and are written as DICOM text by the reader: cheaper than
+        // DATE_FORMAT on the server for every row.
+        const BoundValue::Type type =
+            isTemporal(column->vr) ? momentType(column->vr) : BoundValue::Type::Text;
+        built.returnColumns.push_back(static_cast<int>(
+            context.select(qualified(levelAlias(column->level), column->column), type)));
     }
-    for (const MatchNode& node : nodes) {
+    for (MatchNode& node : nodes) {
         if (std::holds_alternative<SequenceMatch>(node.match)) {
             addSequence(context, node);
             continue;
@@ -263,8 +272,8 @@ BuiltQuery QuerySqlBuilder::build(const QueryRequest& request) const {
     const LevelTable& top = mapping_.level(QueryLevel::Patient);
     std::string sql = "SELECT ";
     if (context.selected.empty())
-        context.selected.push_back(
-            qualified(levelAlias(request.level), mapping_.level(request.level).key));
+        context.select(qualified(levelAlias(request.level), mapping_.level(request.level).key),
+                       BoundValue::Type::Text);
     for (size_t i = 0; i < context.selected.size(); ++i)
         sql += (i ? ", " : "") + context.selected[i];
     sql += " FROM " + quoted(top.table) + " " + levelAlias(QueryLevel::Patient);
@@ -292,6 +301,7 @@ BuiltQuery QuerySqlBuilder::build(const QueryRequest& request) const {
     built.sql = std::move(sql);
     built.params = std::move(context.params);
     built.columnCount = context.selected.size();
+    built.columnTypes = std::move(context.selectedTypes);
     built.rechecks = std::move(context.rechecks);
     return built;
 }

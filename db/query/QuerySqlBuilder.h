@@ -39,16 +39,16 @@ class RH_EXPORT QuerySqlBuilder {
   private:
     struct Context;
 
-    void addCondition(Context& context, const MatchNode& node, const ColumnMapping& column,
+    // Both may move values out of node into the bound values.
+    void addCondition(Context& context, MatchNode& node, const ColumnMapping& column,
                       const std::string& alias) const;
-    void addSequence(Context& context, const MatchNode& node) const;
+    void addSequence(Context& context, MatchNode& node) const;
     void addRange(Context& context, const std::string& column, const std::string& vr,
                   const std::optional<RangeBound>& lower,
                   const std::optional<RangeBound>& upper) const;
     void addDateTime(Context& context, const MatchNode& node, const ColumnMapping& date,
                      const std::string& alias) const;
     std::string timezoneColumn(const Context& context) const;
-    std::string selectExpression(const ColumnMapping& column, const std::string& alias) const;
 
     const QueryMapping& mapping_;
 };

@@ -62,6 +62,18 @@ const std::string* valueOf(const ReferenceEntity& entity, uint32_t tag) {
 
 std::u32string ReferenceMatcher::codePoints(const std::string& text) {
     std::u32string out;
+    decode(text, false, out);
+    return out;
+}
+
+std::u32string ReferenceMatcher::foldCase(const std::string& text) {
+    std::u32string out;
+    decode(text, true, out);
+    return out;
+}
+
+void ReferenceMatcher::decode(const std::string& text, bool fold, std::u32string& out) {
+    out.clear();
     size_t i = 0;
     while (i < text.size()) {
         unsigned char c = static_cast<unsigned char>(text[i]);
@@ -82,16 +94,9 @@ std::u32string ReferenceMatcher::codePoints(const std::string& text) {
             ++i;
             continue;
         }
-        out.push_back(cp);
+        out.push_back(fold ? lowerCase(cp) : cp);
         i += extra + 1;
     }
-    return out;
-}
-
-std::u32string ReferenceMatcher::foldCase(const std::string& text) {
-    std::u32string out = codePoints(text);
-    for (char32_t& c : out) c = lowerCase(c);
-    return out;
 }
 
 bool ReferenceMatcher::wildcardMatches(const std::u32string& pattern, const std::u32string& text) {

@@ -36,6 +36,8 @@ class RH_EXPORT ReferenceMatcher {
     // are not valid UTF-8 are kept as they are.
     static std::u32string foldCase(const std::string& text);
     static std::u32string codePoints(const std::string& text);
+    // Replaces out with the code points of text, lower-cased as foldCase does when fold is set.
+    static void decode(const std::string& text, bool fold, std::u32string& out);
     // Whether text matches pattern, '*' standing for any run of code points and '?' for one.
     static bool wildcardMatches(const std::u32string& pattern, const std::u32string& text);
 };

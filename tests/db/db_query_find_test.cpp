@@ -225,6 +225,29 @@ TEST_F(QueryFind, answersCarryReturnValuesInDicomFormAndNameKeysWithoutColumn) {
                      "SELECT COUNT(*) FROM QueryTimeLimit WHERE PROCESSID = CONNECTION_ID()"));
 }
 
+TEST_F(QueryFind, datesAndTimesArriveAsDicomTextAndAReturnKeyAskedTwiceIsAnsweredTwice) {
+    int64_t s = study(patient("Doe^Jane"), "8.2", {{"StudyTime", "23:59:59.999999"}});
+    int64_t series =
+        schema->insert("SERIES", {{"StudyKey", std::to_string(s)}, {"SeriesInstanceUID", "8.2.1"}});
+    schema->insert("INSTANCE", {{"SeriesKey", std::to_string(series)},
+                                {"SOPInstanceUID", "8.2.1.1"},
+                                {"AcquisitionDateTime", "2024-02-29 00:00:00.000001"}});
+    QueryRequest request;
+    request.level = QueryLevel::Instance;
+    request.keys = {{0x00100010, "PN", "doe^j*", {}}};
+    request.options.caseInsensitivePersonNames = true;  // re-checks the name column
+    request.returnKeys = {0x0008002A, 0x00080020, 0x00080030, 0x00100010, 0x00100010};
+    QueryAnswer answer = raw->find(schema->mapping(), request, 0);
+    ASSERT_EQ(1u, answer.rows.size());
+    const auto& row = answer.rows[0];
+    ASSERT_EQ(5u, row.size());
+    EXPECT_EQ("20240229000000.000001", row[0].value_or("(none)"));
+    EXPECT_FALSE(row[1]) << *row[1];  // no study date: absent, not a zero date
+    EXPECT_EQ("235959.999999", row[2].value_or("(none)"));
+    EXPECT_EQ("Doe^Jane", row[3].value_or("(none)"));
+    EXPECT_EQ("Doe^Jane", row[4].value_or("(none)"));
+}
+
 TEST_F(QueryFind, aKeyThatCannotBeMatchedIsADbExceptionNamingIt) {
     try {
         studyUids({{0x00080020, "DA", "2024-13-01", {}}});

@@ -88,6 +88,9 @@ TEST(QuerySqlBuilder, caseInsensitiveNamesSearchTheFoldedCopyAndAreRecheckedBefo
     EXPECT_EQ(std::string::npos, built.sql.find("LIMIT"));
     ASSERT_EQ(1u, built.rechecks.size());
     EXPECT_EQ(0x00100010u, built.rechecks[0].node.tag);
+    // The name the re-check reads is the name the answer returns (return key 2): selected once.
+    EXPECT_EQ(2u, built.columnCount);
+    EXPECT_EQ(1u, built.rechecks[0].column);
 }
 
 TEST(QuerySqlBuilder, offsetAdjustedDateTimesKeepAPlainRangeTheIndexCanServe) {
