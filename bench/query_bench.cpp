@@ -1,47 +1,66 @@
 // The query builder against hand-written SQL, on 100,000 studies with 1,000,000 instances in the
-// private server of scripts/mariadb (loaded once, server-side, into the example tables). Each
-// kind of search (single value, prefix wildcard, date range, UID list of 1,000, case-insensitive
-// person name) runs through RawQueryDB::find and, as its floor, as a hand-written statement for
-// the same match, prepared once on a bare client connection, with the same values bound and the
-// same columns returned. BM_build measures the builder's own cost per query (parsing and SQL
-// generation, no server). Ratios are of wall-clock time; run it with --benchmark_repetitions=5
-// for medians and spread.
+// private server of scripts/mariadb (loaded once, server-side, into the example tables;
+// RH_BENCH_QUERY_STUDIES=N loads N studies instead, with N / 2 patients, 2 N series and 10 N
+// instances, for quicker runs while iterating). Each kind of search (single value, prefix
+// wildcard, date range, UID list of 1,000, case-insensitive person name) runs through
+// RawQueryDB::find and, as its floor, as a hand-written statement for the same match, prepared
+// once through the bare client library, with the same values bound and the same columns
+// returned; before timing, both must return the same rows and read them through the same
+// indexes. Subject and floor alternate in blocks of about 25 ms for 21 rounds
+// (bench/InterleavedRatio.h); the ratios are of wall-clock time, since most of a search is the
+// server's work. BM_build measures the builder's own cost per query (parsing and SQL generation,
+// no server).
 //
 // Needs the environment printed by "scripts/mariadb env DIR" and administrator access over the
 // socket (to size the buffer pool and load the rows); skips with a message without them.
 
-#include <benchmark/benchmark.h>
 #include <mysql.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <memory>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "DBConnector.h"
+#include "DBConnectorSql.h"
+#include "InterleavedRatio.h"
 #include "MysqlCompat.h"
 #include "QueryMapping.h"
 #include "QuerySqlBuilder.h"
 #include "RawQueryDB.h"
+#include "SqlConnection.h"
 
 namespace {
 
 using namespace kelp::db;
 
-constexpr int kStudies = 100000;
-constexpr int kPatients = 50000;
-constexpr int kSeries = 200000;
-constexpr int kInstances = 1000000;
 // Runs before timing, so that neither side pays for reading cold pages into the buffer pool.
 constexpr int kWarmUp = 20;
+// The length of one block of calls of either side.
+constexpr double kBlockSeconds = 0.025;
 
 std::string envText(const char* name) {
     const char* value = getenv(name);
     return value ? value : "";
+}
+
+// The size of the loaded archive: RH_BENCH_QUERY_STUDIES studies (default 100,000), with half
+// as many patients, two series per study and ten instances per study.
+struct Scale {
+    long studies, patients, series, instances;
+};
+
+const Scale& scale() {
+    static const Scale value = [] {
+        long studies = atol(envText("RH_BENCH_QUERY_STUDIES").c_str());
+        if (studies < 1000) studies = 100000;
+        return Scale{studies, studies / 2, studies * 2, studies * 10};
+    }();
+    return value;
 }
 
 MYSQL* connectAs(const char* user) {
@@ -71,11 +90,15 @@ long long count(MYSQL* handle, const std::string& sql) {
     return value;
 }
 
-// Fills the example tables once, on the server from its sequence tables; later runs reuse them.
+// Fills the example tables on the server from its sequence tables; a later run of the same scale
+// reuses them.
 void loadOnce() {
+    const long kStudies = scale().studies, kPatients = scale().patients, kSeries = scale().series,
+               kInstances = scale().instances;
     MYSQL* root = connectAs("root");
     exec(root, "SET GLOBAL innodb_buffer_pool_size = 512 * 1024 * 1024");
-    if (count(root, "SELECT COUNT(*) FROM INSTANCE") >= kInstances) {
+    if (count(root, "SELECT COUNT(*) FROM STUDY") == kStudies &&
+        count(root, "SELECT COUNT(*) FROM INSTANCE") == kInstances) {
         mysql_close(root);
         return;
     }
@@ -171,15 +194,21 @@ std::vector<Kind> kinds() {
 
 const std::vector<uint32_t> kReturnKeys = {0x0020000D, 0x00100010, 0x00080020, 0x00080050};
 
-// The floor: the hand-written statement, prepared once on a bare connection.
+// The floor: the hand-written statement, prepared once, with its values bound once, on the
+// connection handle (which it borrows). It runs on the builder's own connection, so that both
+// sides are served by the same server thread: on a machine with other work, one connection's
+// server thread can sit for seconds on a busy core while another's has a core to itself, which
+// would make the comparison one of thread placement.
 class HandWritten {
   public:
-    explicit HandWritten(const Kind& kind) : values_(kind.values) {
-        handle_ = connectAs(envText("MED_USER").c_str());
-        std::string sql =
-            "SELECT s.StudyInstanceUID, p.PatientName, s.StudyDate, s.AccessionNumber FROM "
-            "PATIENT p JOIN STUDY s ON s.PatientKey = p.PatientKey WHERE " +
-            kind.where + " ORDER BY s.StudyKey";
+    HandWritten(const Kind& kind, MYSQL* handle)
+        : handle_(handle),
+          sql_(
+              "SELECT s.StudyInstanceUID, p.PatientName, s.StudyDate, s.AccessionNumber FROM "
+              "PATIENT p JOIN STUDY s ON s.PatientKey = p.PatientKey WHERE " +
+              kind.where + " ORDER BY s.StudyKey"),
+          values_(kind.values) {
+        const std::string& sql = sql_;
         stmt_ = mysql_stmt_init(handle_);
         if (mysql_stmt_prepare(stmt_, sql.c_str(), sql.size()) != 0)
             throw std::runtime_error(mysql_stmt_error(stmt_));
@@ -203,10 +232,7 @@ class HandWritten {
         mysql_stmt_bind_param(stmt_, params_.data());
         mysql_stmt_bind_result(stmt_, results_.data());
     }
-    ~HandWritten() {
-        mysql_stmt_close(stmt_);
-        mysql_close(handle_);
-    }
+    ~HandWritten() { mysql_stmt_close(stmt_); }
     size_t run() {
         if (mysql_stmt_execute(stmt_) != 0 || mysql_stmt_store_result(stmt_) != 0)
             throw std::runtime_error(mysql_stmt_error(stmt_));
@@ -220,9 +246,45 @@ class HandWritten {
         mysql_stmt_free_result(stmt_);
         return rows;
     }
+    // The rows of one run, NULL as empty.
+    std::vector<std::vector<std::string>> rows() {
+        if (mysql_stmt_execute(stmt_) != 0 || mysql_stmt_store_result(stmt_) != 0)
+            throw std::runtime_error(mysql_stmt_error(stmt_));
+        std::vector<std::vector<std::string>> out;
+        while (mysql_stmt_fetch(stmt_) == 0) {
+            out.emplace_back();
+            for (size_t i = 0; i < 4; ++i)
+                out.back().emplace_back(buffers_[i], nulls_[i] ? 0 : resultLengths_[i]);
+        }
+        mysql_stmt_free_result(stmt_);
+        return out;
+    }
+
+    // The server's plan for the statement with its values (EXPLAIN FORMAT=JSON).
+    std::string plan() {
+        const std::string sql = "EXPLAIN FORMAT=JSON " + sql_;
+        MYSQL_STMT* explain = mysql_stmt_init(handle_);
+        std::string text(1 << 16, '\0');
+        unsigned long length = 0;
+        MYSQL_BIND result{};
+        result.buffer_type = MYSQL_TYPE_STRING;
+        result.buffer = &text[0];
+        result.buffer_length = text.size();
+        result.length = &length;
+        const bool ok = mysql_stmt_prepare(explain, sql.c_str(), sql.size()) == 0 &&
+                        mysql_stmt_bind_param(explain, params_.data()) == 0 &&
+                        mysql_stmt_bind_result(explain, &result) == 0 &&
+                        mysql_stmt_execute(explain) == 0 && mysql_stmt_fetch(explain) == 0;
+        const std::string error = ok ? "" : mysql_stmt_error(explain);
+        mysql_stmt_close(explain);
+        if (!ok) throw std::runtime_error(error);
+        text.resize(std::min<size_t>(length, text.size()));
+        return text;
+    }
 
   private:
     MYSQL* handle_;
+    std::string sql_;
     MYSQL_STMT* stmt_;
     std::vector<std::string> values_;
     std::vector<unsigned long> lengths_;
@@ -262,89 +324,91 @@ QueryRequest requestFor(const Kind& kind) {
     return request;
 }
 
-void BM_query(benchmark::State& state) {
+// The builder's rows in the floor's text form (dates as 2020-01-01).
+std::vector<std::vector<std::string>> asFloorRows(const QueryAnswer& answer) {
+    std::vector<std::vector<std::string>> rows;
+    for (const auto& row : answer.rows) {
+        rows.emplace_back();
+        for (const auto& value : row) rows.back().push_back(value.value_or(""));
+        std::string& date = rows.back()[2];
+        if (date.size() == 8)
+            date = date.substr(0, 4) + "-" + date.substr(4, 2) + "-" + date.substr(6);
+    }
+    return rows;
+}
+
+// The indexes a plan reads through, in the plan's order.
+std::vector<std::string> indexesOf(const std::string& plan) {
+    std::vector<std::string> keys;
+    const std::string marker = "\"key\": \"";
+    for (size_t at = plan.find(marker); at != std::string::npos; at = plan.find(marker, at)) {
+        at += marker.size();
+        keys.push_back(plan.substr(at, plan.find('"', at) - at));
+    }
+    return keys;
+}
+
+// Calls per block so that one block of the floor lasts about kBlockSeconds.
+template <class Body>
+long callsPerBlock(Body& floor) {
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < kWarmUp; ++i) floor();
+    const double each =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() / kWarmUp;
+    return std::max(1L, std::min(5000L, static_cast<long>(kBlockSeconds / each)));
+}
+
+void BM_query(benchmark::State& state, int which) {
     if (!ready(state)) return;
-    const Kind kind = kinds()[state.range(0)];
+    const Kind kind = kinds()[which];
     std::unique_ptr<DBConnector> connector(DBConnector::createConnector(false));
     std::unique_ptr<RawQueryDB> raw(connector->createRawQuery());
     const QueryRequest request = requestFor(kind);
-    size_t rows = 0;
-    for (int i = 0; i < kWarmUp; ++i) raw->find(mapping(), request, 0);
-    for (auto _ : state) rows = raw->find(mapping(), request, 0).rows.size();
-    state.SetLabel(kind.name);
-    state.counters["rows"] = static_cast<double>(rows);
+    try {
+        const QueryAnswer first = raw->find(mapping(), request, 0);  // opens the connection
+        HandWritten statement(kind,
+                              dynamic_cast<DBConnectorSql&>(*connector).connectionEx().handle());
+        if (asFloorRows(first) != statement.rows()) {
+            state.SkipWithError("the builder and the hand-written statement differ in their rows");
+            return;
+        }
+        const std::vector<std::string> indexes = indexesOf(raw->explain(mapping(), request));
+        if (indexes.empty() || indexes != indexesOf(statement.plan())) {
+            state.SkipWithError("the builder and the hand-written statement use other indexes");
+            return;
+        }
+        size_t rows = 0;
+        auto subject = [&] { rows = raw->find(mapping(), request, 0).rows.size(); };
+        auto floor = [&] { benchmark::DoNotOptimize(statement.run()); };
+        for (int i = 0; i < kWarmUp; ++i) subject();
+        InterleaveOptions options;
+        options.clock = BenchClock::Wall;  // the server's work is most of a search
+        options.callsPerBlock = callsPerBlock(floor);
+        for (auto _ : state) reportRatio(state, interleavedRatio(subject, floor, options));
+        state.counters["rows"] = static_cast<double>(rows);
+    } catch (const std::exception& e) {
+        state.SkipWithError(e.what());
+    }
 }
 
-void BM_floor_query(benchmark::State& state) {
-    if (!ready(state)) return;
-    const Kind kind = kinds()[state.range(0)];
-    HandWritten statement(kind);
-    size_t rows = 0;
-    for (int i = 0; i < kWarmUp; ++i) statement.run();
-    for (auto _ : state) rows = statement.run();
-    state.SetLabel(kind.name);
-    state.counters["rows"] = static_cast<double>(rows);
-}
-
-void BM_build(benchmark::State& state) {
-    const Kind kind = kinds()[state.range(0)];
+void BM_build(benchmark::State& state, int which) {
+    const Kind kind = kinds()[which];
     const QueryRequest request = requestFor(kind);
     QuerySqlBuilder builder(mapping());
     for (auto _ : state) benchmark::DoNotOptimize(builder.build(request));
-    state.SetLabel(kind.name);
 }
 
-// 0 single value, 1 prefix wildcard, 2 date range, 3 UID list of 1,000, 4 case-insensitive name.
-BENCHMARK(BM_floor_query)
-    ->DenseRange(0, 4)
-    ->Unit(benchmark::kMicrosecond)
-    ->MinTime(1.0)
-    ->UseRealTime();
-BENCHMARK(BM_query)->DenseRange(0, 4)->Unit(benchmark::kMicrosecond)->MinTime(1.0)->UseRealTime();
-BENCHMARK(BM_build)->DenseRange(0, 4)->Unit(benchmark::kMicrosecond);
-
-// The searches wait on the server, so their ratios are of wall-clock time, not of this process's
-// CPU time: after the usual table, each BM_query/N against BM_floor_query/N.
-class RealTimeRatioReporter : public benchmark::ConsoleReporter {
-  public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        // With --benchmark_repetitions the median of the repetitions stands for the benchmark.
-        for (const Run& run : runs) {
-            const std::string name = run.run_name.str();
-            if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-                times_[name] = {run.GetAdjustedRealTime(), run.report_label};
-                medians_.insert(name);
-            } else if (run.run_type == Run::RT_Iteration && run.iterations > 0 &&
-                       !medians_.count(name)) {
-                times_[name] = {run.GetAdjustedRealTime(), run.report_label};
-            }
-        }
-    }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        std::printf("\n%-12s %14s %14s %8s\n", "search", "builder us", "hand SQL us", "x floor");
-        for (const auto& [name, entry] : times_) {
-            if (name.rfind("BM_query/", 0) != 0) continue;
-            auto floor = times_.find("BM_floor_" + name.substr(3));
-            if (floor == times_.end()) continue;
-            std::printf("%-12s %14.1f %14.1f %8.2f\n", entry.second.c_str(), entry.first,
-                        floor->second.first, entry.first / floor->second.first);
-        }
-    }
-
-  private:
-    std::map<std::string, std::pair<double, std::string>> times_;
-    std::set<std::string> medians_;
-};
+BENCHMARK_CAPTURE(BM_query, single, 0)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_query, prefix, 1)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_query, daterange, 2)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_query, uidlist, 3)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_query, nameci, 4)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_build, single, 0)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_build, prefix, 1)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_build, daterange, 2)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_build, uidlist, 3)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_build, nameci, 4)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    RealTimeRatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
-}
+RH_BENCHMARK_MAIN();
