@@ -27,6 +27,12 @@ namespace {
 constexpr int kMounts = 4;
 const char kResource[] = "1.2.840.113619.2.55.3.604688119.969.1268071029.320";
 
+// Where the repository goes: RH_BENCH_DIR, else /tmp.
+std::string benchRoot() {
+    const char* dir = getenv("RH_BENCH_DIR");
+    return dir != nullptr ? dir : "/tmp";
+}
+
 // A repository of four plain-directory mounts with one resource per mount (resource k lies on
 // mount k), lock files in a directory of its own. Removed at exit.
 struct BenchRepository {
@@ -34,8 +40,8 @@ struct BenchRepository {
     std::vector<std::string> mounts;
 
     BenchRepository() {
-        char pattern[] = "/tmp/rh-location-bench-XXXXXX";
-        path = mkdtemp(pattern);
+        std::string pattern = benchRoot() + "/rh-location-bench-XXXXXX";
+        path = mkdtemp(&pattern[0]);
         lockDir = path + "/locks";
         mkdir(lockDir.c_str(), 0755);
         setenv("LOCK_VAR", lockDir.c_str(), 1);

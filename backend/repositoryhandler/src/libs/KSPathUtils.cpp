@@ -595,16 +595,20 @@ namespace {
 
 // The mount exists (its caller found it alive), so only the levels below it are made, each with
 // one mkdir: EEXIST means another creator made it, which is all that is needed. A mount that is
-// gone meanwhile fails with ENOENT instead of being made again as a plain directory.
-bool makeLevelsBelow(const std::string& mount, const std::string& levels) {
+// gone meanwhile fails with ENOENT instead of being made again as a plain directory. *madeLast
+// tells whether the last level was made by this call.
+bool makeLevelsBelow(const std::string& mount, const std::string& levels, bool* madeLast) {
+    *madeLast = false;
     const std::string top = mount + "/";
     if (levels.compare(0, top.size(), top) != 0) return mkdirs(levels.c_str(), 0755) == 0;
     for (size_t slash = levels.find('/', top.size()); slash != std::string::npos;
          slash = levels.find('/', slash + 1)) {
-        if (::mkdir(levels.substr(0, slash).c_str(), 0755) != 0 && errno != EEXIST) return false;
+        *madeLast = ::mkdir(levels.substr(0, slash).c_str(), 0755) == 0;
+        if (!*madeLast && errno != EEXIST) return false;
     }
-    if (levels.back() != '/' && ::mkdir(levels.c_str(), 0755) != 0 && errno != EEXIST) {
-        return false;
+    if (levels.back() != '/') {
+        *madeLast = ::mkdir(levels.c_str(), 0755) == 0;
+        if (!*madeLast && errno != EEXIST) return false;
     }
     return true;
 }
@@ -615,12 +619,18 @@ bool prepareHashLevels(const std::string& mount, const std::string& levels, cons
     std::string last = levels;
     while (last.size() > 1 && last.back() == '/') last.pop_back();
     KSHashLevelLock lock(mount);
-    if (!makeLevelsBelow(mount, levels)) return false;
-    struct stat st;
-    if (::stat(last.c_str(), &st) != 0) return false;
-    if (!S_ISDIR(st.st_mode)) {
-        errno = ENOTDIR;
-        return false;
+    bool madeLast = false;
+    if (!makeLevelsBelow(mount, levels, &madeLast)) return false;
+    // A last level made just now, under the lock that every creator takes, is a directory that
+    // nobody can have reserved yet (its access time is its creation time): its status need not
+    // be read. Without the lock another creator may have reserved it meanwhile.
+    struct stat st = {};
+    if (!madeLast || !lock.held()) {
+        if (::stat(last.c_str(), &st) != 0) return false;
+        if (!S_ISDIR(st.st_mode)) {
+            errno = ENOTDIR;
+            return false;
+        }
     }
     reserveLevel(last, st, name == nullptr ? "" : name);
     return true;
