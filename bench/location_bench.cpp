@@ -5,6 +5,9 @@
 // Once without the resource lock, once with the file lock, whose floor adds one
 // open(O_CREAT|O_EXCL), close and unlink of a lock file. Then createLocation_ against the system
 // calls one creation needs.
+//
+// The repository lies in /tmp, or in RH_BENCH_DIR: on a tmpfs (RH_BENCH_DIR=/dev/shm) the
+// creations measure the library's own cost, which a disk's latency would otherwise cover.
 
 #include <fcntl.h>
 #include <stdlib.h>
@@ -116,9 +119,11 @@ BENCHMARK(BM_getLocationLocked)->DenseRange(1, kMounts)->Iterations(1);
 // repositorypart.cfg and the probe of the location), the status of every mount (the test of its
 // repositorypart.cfg and statfs), the three hash levels (one mkdir each, on a directory of its
 // own beside the mounts, so that as many levels exist already as for the subject) and the times
-// of the levels and the mount (utime each). The mount's clean-up lock (open, flock, close) and
-// the reservation of the last level (stat, utimensat) are not in the floor: they keep
-// concurrent clean-ups from removing a new location, beyond what a creation needs in itself.
+// of the levels and the mount (utime each). Not in the floor: the mount's clean-up lock (open,
+// flock, close) and the reservation of the last level (utimensat; and a stat first when the level
+// existed already), which keep concurrent clean-ups from removing a new location, beyond what a
+// creation needs in itself, and the second test of the chosen mount's repositorypart.cfg, made
+// by the mount's own status check just before its levels are made.
 void BM_createLocation(benchmark::State& state) {
     BenchRepository& repo = repository();
     const std::string floorMount = repo.path + "/floor";
