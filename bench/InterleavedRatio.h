@@ -59,7 +59,9 @@ inline double quantile(const std::vector<double>& sorted, double share) {
 }
 
 // Nanoseconds per call of one block. With several threads, all start together and the block
-// lasts until the last one is done.
+// lasts from the first thread's first call to the last thread's last one, as each thread reads
+// the clock itself: on a busy machine the starting thread may not run again before the workers
+// are done, so its own clock reads would bracket nothing.
 template <class Body>
 double block(Body& body, const InterleaveOptions& options) {
     if (options.threads <= 1) {
@@ -68,18 +70,20 @@ double block(Body& body, const InterleaveOptions& options) {
         return (nowNanos(options.clock) - start) / static_cast<double>(options.callsPerBlock);
     }
     pthread_barrier_t ready;
-    pthread_barrier_init(&ready, nullptr, static_cast<unsigned>(options.threads) + 1);
+    pthread_barrier_init(&ready, nullptr, static_cast<unsigned>(options.threads));
+    std::vector<double> starts(options.threads), ends(options.threads);
     std::vector<std::thread> workers;
     for (int t = 0; t < options.threads; ++t)
-        workers.emplace_back([&] {
+        workers.emplace_back([&, t] {
             pthread_barrier_wait(&ready);
+            starts[t] = nowNanos(BenchClock::Wall);
             for (long i = 0; i < options.callsPerBlock; ++i) body();
+            ends[t] = nowNanos(BenchClock::Wall);
         });
-    pthread_barrier_wait(&ready);
-    const double start = nowNanos(BenchClock::Wall);
     for (std::thread& worker : workers) worker.join();
-    const double elapsed = nowNanos(BenchClock::Wall) - start;
     pthread_barrier_destroy(&ready);
+    const double elapsed = *std::max_element(ends.begin(), ends.end()) -
+                           *std::min_element(starts.begin(), starts.end());
     return elapsed / static_cast<double>(options.callsPerBlock);
 }
 
