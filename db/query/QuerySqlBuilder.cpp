@@ -52,11 +52,22 @@ std::string levelAlias(QueryLevel level) {
 }
 
 std::string quoted(const std::string& identifier) {
-    return "`" + identifier + "`";
+    std::string out;
+    out.reserve(identifier.size() + 2);
+    out += '`';
+    out += identifier;
+    out += '`';
+    return out;
 }
 
 std::string qualified(const std::string& alias, const std::string& column) {
-    return alias + "." + quoted(column);
+    std::string out;
+    out.reserve(alias.size() + column.size() + 3);
+    out += alias;
+    out += ".`";
+    out += column;
+    out += '`';
+    return out;
 }
 
 bool isTemporal(const std::string& vr) {
@@ -270,12 +281,19 @@ BuiltQuery QuerySqlBuilder::build(const QueryRequest& request) const {
     }
 
     const LevelTable& top = mapping_.level(QueryLevel::Patient);
-    std::string sql = "SELECT ";
     if (context.selected.empty())
         context.select(qualified(levelAlias(request.level), mapping_.level(request.level).key),
                        BoundValue::Type::Text);
-    for (size_t i = 0; i < context.selected.size(); ++i)
-        sql += (i ? ", " : "") + context.selected[i];
+    size_t length = 256;
+    for (const std::string& text : context.selected) length += text.size() + 2;
+    for (const std::string& text : context.conditions) length += text.size() + 7;
+    std::string sql;
+    sql.reserve(length);
+    sql += "SELECT ";
+    for (size_t i = 0; i < context.selected.size(); ++i) {
+        if (i > 0) sql += ", ";
+        sql += context.selected[i];
+    }
     sql += " FROM " + quoted(top.table) + " " + levelAlias(QueryLevel::Patient);
     for (int i = 1; i <= depth; ++i) {
         const LevelTable& level = mapping_.level(static_cast<QueryLevel>(i));
@@ -285,8 +303,10 @@ BuiltQuery QuerySqlBuilder::build(const QueryRequest& request) const {
                qualified(alias, level.parentKey) + " = " +
                qualified(levelAlias(static_cast<QueryLevel>(i - 1)), parent.key);
     }
-    for (size_t i = 0; i < context.conditions.size(); ++i)
-        sql += (i ? " AND " : " WHERE ") + context.conditions[i];
+    for (size_t i = 0; i < context.conditions.size(); ++i) {
+        sql += i ? " AND " : " WHERE ";
+        sql += context.conditions[i];
+    }
     sql += " ORDER BY " + qualified(levelAlias(request.level), mapping_.level(request.level).key);
     built.limitedInSql = context.rechecks.empty() && (request.limit > 0 || request.offset > 0);
     if (built.limitedInSql) {
