@@ -40,7 +40,7 @@ command_details() {
   if [[ $text == "usage: repoctl COMMAND "* ]]; then return 0; fi
   printf '%s\n' "$text" | awk -v summary="$summary" '
     NR == 1 && /^usage: repoctl / { next }
-    !started && ($0 == "" || $0 == summary) { next }
+    !started && ($0 == "" || $0 == summary || $0 == summary ".") { next }
     { started = 1; print }'
 }
 
