@@ -236,8 +236,18 @@ the_maintenance_checks_every_listed_repository_and_goes_on_past_a_failure() {
     [ -f "$VAR/lastmove-KSRepositoryHandler-${work//\//_}_${repository}_p1-.cfg" ] ||
       fail "no move state of $repository's first mount in $VAR: $(ls "$VAR")"
   done
-  printf '%s\n' "$work/first" >"$work/list"
-  /usr/libexec/repohandler/repohandler-maintenance "$work/list" || fail "a clean list fails"
+  printf '%s\n' "$work/first" "$work/second" >"$work/list"
+  mkdir -p "$work/prom"
+  METRICS_TEXTFILE_DIR=$work/prom /usr/libexec/repohandler/repohandler-maintenance "$work/list" ||
+    fail "a clean list fails"
+  if ! repoctl help metrics >/dev/null 2>&1; then
+    echo "repoctl has no metrics command: the metrics file is not checked"
+    return 0
+  fi
+  for repository in first second; do
+    grep -qF "repository=\"$work/$repository\"" "$work/prom/repohandler.prom" ||
+      fail "no metrics of $repository in $work/prom/repohandler.prom"
+  done
 }
 
 removing_the_packages_leaves_nothing_behind() {
@@ -271,7 +281,7 @@ if dpkg_waiting -i "$(deb_of librepohandler1)" "$(deb_of librepohandler-java)" "
     the_manual_page_and_the_completion_know_every_command
   check "the systemd units pass systemd-analyze verify and are not enabled on installation" \
     the_systemd_units_pass_systemd_analyze_verify
-  check "the maintenance checks every listed repository and goes on past a failing one" \
+  check "the maintenance checks every listed repository, goes on past a failing one, writes the metrics" \
     the_maintenance_checks_every_listed_repository_and_goes_on_past_a_failure
   if dpkg_waiting -i "$(deb_of librepohandler-dev)"; then
     check "the development files hold the link that -lrepohandler finds" \
