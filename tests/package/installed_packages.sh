@@ -237,7 +237,7 @@ the_maintenance_checks_every_listed_repository_and_goes_on_past_a_failure() {
       fail "no move state of $repository's first mount in $VAR: $(ls "$VAR")"
   done
   printf '%s\n' "$work/first" "$work/second" >"$work/list"
-  if ! repoctl help metrics >/dev/null 2>&1; then
+  if ! repoctl help | grep -qE "^  metrics( |$)"; then
     echo "repoctl has no metrics command: the metrics file is not checked"
     /usr/libexec/repohandler/repohandler-maintenance "$work/list" || fail "a clean list fails"
     return 0
