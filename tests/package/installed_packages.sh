@@ -7,13 +7,15 @@
 # and checks that nothing of them is left. The packages are purged on every exit path.
 #
 # Usage: installed_packages.sh SOURCE_DIR [PACKAGE_DIR]
-#   PACKAGE_DIR: where scripts/package puts the packages (default SOURCE_DIR/build/package)
+#   Without PACKAGE_DIR, scripts/package builds the packages into SOURCE_DIR/build/package
+#   first; a PACKAGE_DIR that holds packages already has them tested as they are.
 # Needs root (dpkg). Refuses to run when one of the packages is installed already, since it
 # could not leave the machine as it found it.
 set -uo pipefail
 src=$(cd "${1:?usage: $0 SOURCE_DIR [PACKAGE_DIR]}" && pwd)
 debs=${2:-$src/build/package}
 packages=(librepohandler1 librepohandler-dev librepohandler-java repoctl)
+version=$(sed -nE 's/^project\(repohandler VERSION ([0-9.]+).*/\1/p' "$src/CMakeLists.txt")
 multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 libdir=/usr/lib/$multiarch
 
@@ -59,6 +61,7 @@ cleanup() {
   rm -rf "$work"
 }
 trap cleanup EXIT
+trap 'exit 130' INT TERM HUP
 
 passed=0 failed=0
 # Each group runs in a subshell of its own: the first failed check ends the group.
@@ -109,7 +112,7 @@ the_library_is_installed_under_its_soname_with_its_shlibs() {
   ldconfig -p | grep -q "librepohandler.so.1 (.*) => .*/librepohandler.so.1$" ||
     fail "the dynamic loader's cache does not know librepohandler.so.1"
   shlibs=$(cat "/var/lib/dpkg/info/librepohandler1:$(dpkg --print-architecture).shlibs")
-  [ "$shlibs" = "librepohandler 1 librepohandler1 (>= 1.0.0)" ] ||
+  [ "$shlibs" = "librepohandler 1 librepohandler1 (>= $version)" ] ||
     fail "the shlibs of librepohandler1 are \"$shlibs\""
   [ ! -e "$libdir/librepohandler.so" ] || fail "librepohandler.so is there without the development files"
 }
@@ -138,7 +141,8 @@ the_readme_c_example_builds_through_pkg_config_and_runs() {
   mkdir -p "$work/shlibdeps/debian" && printf 'Source: x\n\nPackage: x\nArchitecture: any\n' \
     >"$work/shlibdeps/debian/control"
   (cd "$work/shlibdeps" && dpkg-shlibdeps -O "$work/app" 2>/dev/null) |
-    grep -q 'librepohandler1 (>= 1.0.0)' || fail "dpkg-shlibdeps does not name librepohandler1 (>= 1.0.0)"
+    grep -qF "librepohandler1 (>= $version)" ||
+    fail "dpkg-shlibdeps does not name librepohandler1 (>= $version)"
   make_repository "$repo" && scratch_environment
   out=$(env -u LD_LIBRARY_PATH "$work/app" "$repo") || fail "the example failed: $out"
   [[ $out =~ ^$repo/p1/[A-Z0-9_]{2}/[A-Z0-9_]{2}/[A-Z0-9_]{2}/1\.2\.840\.1234\ 0$ ]] ||
@@ -266,7 +270,7 @@ removing_the_packages_leaves_nothing_behind() {
     fail "systemd's enable state of the units is left"
 }
 
-if [ ! -f "$debs/repoctl_1.0.0_$(dpkg --print-architecture).deb" ] || [ -z "${2:-}" ]; then
+if [ ! -f "$debs/repoctl_${version}_$(dpkg --print-architecture).deb" ] || [ -z "${2:-}" ]; then
   "$src/scripts/package" "$debs" >/dev/null || exit 1
 fi
 check "lintian reports no error and no warning" lintian_reports_no_error_and_no_warning
