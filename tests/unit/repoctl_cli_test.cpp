@@ -47,7 +47,7 @@ const char* const kConventionalCommands[] = {
     "status", "hash",      "giveback",  "mount-out", "mount-in", "rnd-mount",       "setup",
     "list",   "empty",     "db-check",  "lock",      "unlock",   "dirty",           "locks",
     "locate", "create",    "locations", "remove",    "times",    "resource-status", "unage",
-    "legacy", "mount-for", "mount-of",  "metrics"};
+    "legacy", "mount-for", "mount-of",  "metrics",   "verify"};
 
 }  // namespace
 
