@@ -12,6 +12,7 @@
 #include "KSClock.h"
 #include "KSLegacyLinks.h"
 #include "KSLogger.h"
+#include "KSMaintenancePlan.h"
 #include "KSMountPointHandler.h"
 #include "KSPathUtils.h"
 #include "KSRepositoryHandler.h"
@@ -59,7 +60,39 @@ void settleDirtyMark(KSRepositoryHandler& repository, const CandidateMove& how,
     if (origin != copy) repository.dirtyFlags().setDirty(how.connection, entry.name.c_str(), false);
 }
 
+int mountIndexOf(KSRepositoryHandler& repository, const KSMountPointHandler* mount,
+                 const std::string& location) {
+    const KSRepositoryHandler::MountList& mounts = repository.mounts();
+    for (size_t i = 0; i < mounts.size(); ++i)
+        if (mount != nullptr ? mounts[i].get() == mount : liesOnMount(*mounts[i], location))
+            return static_cast<int>(i);
+    return -1;
+}
+
+// The dry run's move: the same checks that need no lock, the effect recorded in the plan.
+CandidateMoveResult planMove(KSRepositoryHandler& repository, const CandidateMove& how,
+                             const ResourceEntry& entry, KSMountPointHandler& target,
+                             KSMaintenancePlan& plan) {
+    if (!plan.exists(entry.path)) return CandidateMoveResult::Vanished;
+    if (how.skipDirty && repository.dirtyFlags().isDirty(how.connection, entry.name.c_str(), false))
+        return CandidateMoveResult::Touched;
+    const int from = mountIndexOf(repository, nullptr, entry.path);
+    const int to = mountIndexOf(repository, &target, std::string());
+    const std::string fromPath = from < 0 ? std::string() : repository.mounts()[from]->path();
+    plan.recordMove(entry, fromPath, from, resourceLocation(target.path(), entry.name.c_str()),
+                    target.path(), to);
+    repository.progress().moved++;
+    repository.progress().bytes += plan.steps.back().bytes;
+    return CandidateMoveResult::Moved;
+}
+
 }  // namespace
+
+bool liesOnMount(const KSMountPointHandler& mount, const std::string& location) {
+    const std::string& root = mount.path();
+    return location.size() > root.size() && location.compare(0, root.size(), root) == 0 &&
+           location[root.size()] == '/';
+}
 
 std::string timeStampText(int64_t seconds) {
     time_t t = static_cast<time_t>(seconds);
@@ -88,6 +121,8 @@ unsigned long long resourceBytes(const std::string& path) {
 
 CandidateMoveResult moveCandidate(KSRepositoryHandler& repository, const CandidateMove& how,
                                   const ResourceEntry& entry, KSMountPointHandler& target) {
+    if (KSMaintenancePlan* plan = repository.plan())
+        return planMove(repository, how, entry, target, *plan);
     KSTimedLock lock(repository.settings().isShared, repository.lockScope(), entry.name,
                      how.connection);
     if (!lock.acquire(how.verbose)) return CandidateMoveResult::Refused;

@@ -51,6 +51,10 @@ struct CandidateMove {
     bool acceptRawStatus = true;
 };
 
+// True when `location` lies below the mount's directory (whole path components: a resource on
+// /data/p10 does not lie on /data/p1).
+bool liesOnMount(const KSMountPointHandler& mount, const std::string& location);
+
 // Bytes held by the files below `path` (a file: its own size); links are not followed.
 unsigned long long resourceBytes(const std::string& path);
 
@@ -62,6 +66,9 @@ std::string timeStampText(int64_t seconds);
 void warnIfRecentlyUsed(KSRepositoryHandler& repository, const char* action, int64_t seconds);
 
 // Moves `entry` (a resource on some mount of `repository`) to `target`. Never throws for file
-// system trouble; database exceptions of the dirty set and the lock pass through.
+// system trouble; database exceptions of the dirty set and the lock pass through. In a dry run
+// (repository.plan() not null) the move is recorded in the plan instead, without a lock or a
+// log line: Moved, or Touched for a dirty resource that `how` skips, or Vanished for one that
+// an earlier step of the plan took away.
 CandidateMoveResult moveCandidate(KSRepositoryHandler& repository, const CandidateMove& how,
                                   const ResourceEntry& entry, KSMountPointHandler& target);

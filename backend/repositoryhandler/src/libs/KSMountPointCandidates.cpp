@@ -13,6 +13,7 @@
 
 #include "KSClock.h"
 #include "KSLogger.h"
+#include "KSMaintenancePlan.h"
 #include "KSMountPointHandler.h"
 #include "KSNomoveHandler.h"
 #include "KSPathUtils.h"
@@ -62,12 +63,14 @@ uint32_t KSMountPointHandler::getOldestResources(kelp::db::DBConnector* connecti
     const int64_t ageLimit = static_cast<int64_t>(KSClock::now()) - config_.nomoveTime;
 
     const std::string directory = relativeDir.empty() ? path_ : path_ + "/" + relativeDir;
+    const KSMaintenancePlan* plan = repository_ != nullptr ? repository_->plan() : nullptr;
     std::list<std::string> names;
     int64_t started = nanoTime();
-    listDir(directory.c_str(), &names, false, false);  // O_NOATIME: the walk must not age anything
+    maintenanceList(plan, directory, &names);  // O_NOATIME: the walk must not age anything
     counters_.listDirTime += nanoTime() - started;
     // A level left empty while another resource's reservation ran (see clearEmptyHash).
-    if (depth == kResourceDepth && names.empty()) clearEmptyHashLevels(path_, relativeDir);
+    if (depth == kResourceDepth && names.empty() && plan == nullptr)
+        clearEmptyHashLevels(path_, relativeDir);
 
     for (const std::string& name : names) {
         if (depth == 0 && name == "lost+found") continue;
@@ -78,7 +81,7 @@ uint32_t KSMountPointHandler::getOldestResources(kelp::db::DBConnector* connecti
         struct stat st;
         started = nanoTime();
         // lstat: a link inside the tree is never followed out of the mount.
-        int statResult = lstat(entry.path.c_str(), &st);
+        int statResult = maintenanceLstat(plan, entry.path, &st);
         counters_.statTime += nanoTime() - started;
         if (statResult != 0 || S_ISLNK(st.st_mode)) continue;
 
@@ -113,6 +116,45 @@ uint32_t KSMountPointHandler::getOldestResources(kelp::db::DBConnector* connecti
     return static_cast<uint32_t>(result.size());
 }
 
+uint32_t KSMountPointHandler::walkResources(
+    const std::function<bool(const ResourceEntry&, const struct stat&)>& visit) {
+    if (checkoverloadStopped || (checkStatus(true) & MOUNT_DEAD)) return kStopped;
+    uint32_t visited = 0;
+    std::vector<std::pair<std::string, int>> pending{{std::string(), 0}};
+    while (!pending.empty()) {
+        if (checkoverloadStopped) return kStopped;
+        const auto [relativeDir, depth] = pending.back();
+        pending.pop_back();
+        std::list<std::string> names;
+        listDir((relativeDir.empty() ? path_ : path_ + "/" + relativeDir).c_str(), &names, false,
+                false);
+        for (const std::string& name : names) {
+            if (depth == 0 && name == "lost+found") continue;
+            ResourceEntry entry;
+            entry.relativePath = childPath(relativeDir, name);
+            entry.path = path_ + "/" + entry.relativePath;
+            struct stat st;
+            if (lstat(entry.path.c_str(), &st) != 0 || S_ISLNK(st.st_mode)) continue;
+            if (depth < kResourceDepth) {
+                if (S_ISDIR(st.st_mode)) pending.emplace_back(entry.relativePath, depth + 1);
+                continue;
+            }
+            entry.name = name;
+            entry.time = lastAccess(entry.path.c_str(), &st);
+            ++visited;
+            if (!visit(entry, st)) return visited;
+        }
+    }
+    return visited;
+}
+
+// FNV-1a of the mount path: the same sequence in every process and build.
+void KSMountPointHandler::restartRandomOrder() {
+    uint32_t seed = 2166136261u;
+    for (unsigned char c : path_) seed = (seed ^ c) * 16777619u;
+    random_.seed(seed);
+}
+
 // Emptying a mount moves everything, so there is no age limit and dirty resources are taken
 // too (the move merges them onto an existing copy). The order is random: the hash directories
 // of each level are visited shuffled and the walk stops as soon as `maxCount` resources are
@@ -123,7 +165,12 @@ uint32_t KSMountPointHandler::getRandomResources(kelp::db::DBConnector* /*connec
                                                  uint32_t maxCount) {
     if (maxCount == 0) return 0;
     if (checkoverloadStopped || (checkStatus(true) & MOUNT_DEAD)) return kStopped;
-    std::mt19937 random(std::random_device{}());
+    // One sequence per mount: a dry run of an emptying draws what the real run draws, so that on
+    // an unchanged mount both take the same resources in the same batches. Each call of a run
+    // still draws anew, and each listing is sorted before it is shuffled, so the order depends
+    // on the tree only.
+    std::mt19937& random = random_;
+    const KSMaintenancePlan* plan = repository_ != nullptr ? repository_->plan() : nullptr;
 
     struct Level {
         std::string relativeDir;
@@ -136,8 +183,9 @@ uint32_t KSMountPointHandler::getRandomResources(kelp::db::DBConnector* /*connec
         pending.pop_back();
         std::string directory = level.relativeDir.empty() ? path_ : path_ + "/" + level.relativeDir;
         std::list<std::string> listed;
-        listDir(directory.c_str(), &listed, false, false);
+        maintenanceList(plan, directory, &listed);
         std::vector<std::string> names(listed.begin(), listed.end());
+        std::sort(names.begin(), names.end());
         std::shuffle(names.begin(), names.end(), random);
         for (const std::string& name : names) {
             if (level.depth == 0 && name == "lost+found") continue;
@@ -146,7 +194,7 @@ uint32_t KSMountPointHandler::getRandomResources(kelp::db::DBConnector* /*connec
             entry.relativePath = childPath(level.relativeDir, name);
             entry.path = path_ + "/" + entry.relativePath;
             struct stat st;
-            if (lstat(entry.path.c_str(), &st) != 0 || S_ISLNK(st.st_mode)) continue;
+            if (maintenanceLstat(plan, entry.path, &st) != 0 || S_ISLNK(st.st_mode)) continue;
             if (level.depth < kResourceDepth) {
                 if (S_ISDIR(st.st_mode)) pending.push_back({entry.relativePath, level.depth + 1});
                 continue;

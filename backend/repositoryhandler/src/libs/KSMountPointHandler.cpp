@@ -19,6 +19,7 @@
 #include "KSAssertionException.h"
 #include "KSClock.h"
 #include "KSLogger.h"
+#include "KSMaintenancePlan.h"
 #include "KSPathUtils.h"
 #include "KSProperties.h"
 #include "KSRepositoryHandler.h"
@@ -246,7 +247,7 @@ float KSMountPointHandler::getUsedPercentage() {
         repository_->initMPHandlers();
     }
     struct statvfs vfs;
-    if (myStatVfs(path_.c_str(), &vfs) != 0) {
+    if (fileSystemFigures(&vfs) != 0) {
         usedPercentage_.store(-1.0);
         return -1.0f;
     }
@@ -259,6 +260,13 @@ float KSMountPointHandler::getUsedPercentage() {
     if (!std::isnan(inodes) && (std::isnan(blocks) || inodes > blocks)) used = inodes;
     usedPercentage_.store(used);
     return static_cast<float>(used);
+}
+
+int KSMountPointHandler::fileSystemFigures(struct statvfs* out) {
+    const int result = myStatVfs(path_.c_str(), out);
+    if (result == 0 && repository_ != nullptr && repository_->plan() != nullptr)
+        repository_->plan()->adjust(path_, *out);
+    return result;
 }
 
 bool KSMountPointHandler::isDedicated() {

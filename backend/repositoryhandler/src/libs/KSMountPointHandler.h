@@ -20,8 +20,10 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <map>
 #include <mutex>
+#include <random>
 #include <string>
 
 #include "ResourceEntry.h"
@@ -87,6 +89,10 @@ public:
     uint32_t checkStatus(bool useCached);
     // Percent in use (the larger of blocks and inodes), or -1.0 when statvfs fails.
     float getUsedPercentage();
+    // statvfs of the mount as the maintenance sees it: in a dry run (the repository carries a
+    // plan, see KSMaintenancePlan.h) corrected by what the plan's steps free and take. 0, or 8
+    // when statvfs fails (logged).
+    int fileSystemFigures(struct statvfs* out);
     bool isDedicated();
     // Textual prefix test (a mount /data/p1 also claims /data/p10/x).
     bool isOnThisMount(const char* path) const;
@@ -141,6 +147,16 @@ public:
     // names and the root "lost+found". Same results as getOldestResources.
     uint32_t getRandomResources(kelp::db::DBConnector* connection, ResourceSet& result,
                                 KSNomoveHandler* nomove, uint32_t maxCount);
+    // Every resource of the mount, walked as getOldestResources walks (O_NOATIME listings, so no
+    // access time changes; lstat, so no link is followed; the root "lost+found" skipped), each
+    // given to `visit` with its lastAccess time and its lstat data, of any age, dirty or not.
+    // `visit` returns false to end the walk. The number of resources visited, or 0xFFFFFFFF
+    // when the stop flag is set or the mount is dead.
+    uint32_t walkResources(
+        const std::function<bool(const ResourceEntry&, const struct stat&)>& visit);
+    // Starts the random order of getRandomResources afresh: the sequence is fixed per mount
+    // path, so that an emptying and its dry run, each starting with this, draw alike.
+    void restartRandomOrder();
     // Walks the hash directories in byte order from `resumeHash` (wrapping round), moving every
     // resource older than `moveTime` (and not dirty, not in use) to another mount until this
     // one is below its clean limit. `resumeHash` becomes the hash directory in hand when the
@@ -179,6 +195,7 @@ private:
     KSMoveFunction moveFunction_ = nullptr;
     std::string moveParams_;
     WalkCounters counters_;
+    std::mt19937 random_;  // getRandomResources' order; the emptying's thread only
 };
 
 // Free functions of the mount layer.

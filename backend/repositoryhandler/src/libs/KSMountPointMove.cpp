@@ -12,6 +12,7 @@
 #include "KSCandidateMove.h"
 #include "KSClock.h"
 #include "KSLogger.h"
+#include "KSMaintenancePlan.h"
 #include "KSMountPointHandler.h"
 #include "KSPathUtils.h"
 #include "KSRepositoryHandler.h"
@@ -21,15 +22,17 @@ namespace {
 constexpr int kSecondsPerDay = 86400;
 constexpr int kHashLevels = 3;
 
-std::vector<std::string> sortedNames(const std::string& directory, bool directoriesOnly) {
+std::vector<std::string> sortedNames(const KSMaintenancePlan* plan, const std::string& directory,
+                                     bool directoriesOnly) {
     std::list<std::string> listed;
-    listDir(directory.c_str(), &listed, false, false);
+    maintenanceList(plan, directory, &listed);
     std::vector<std::string> names;
     names.reserve(listed.size());
     for (std::string& name : listed) {
         if (directoriesOnly) {
             struct stat st;
-            if (lstat((directory + "/" + name).c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) continue;
+            if (maintenanceLstat(plan, directory + "/" + name, &st) != 0 || !S_ISDIR(st.st_mode))
+                continue;
         }
         names.push_back(std::move(name));
     }
@@ -38,13 +41,13 @@ std::vector<std::string> sortedNames(const std::string& directory, bool director
 }
 
 // Every hash directory of the mount ("AB/CD/EF"), in byte order: the walk order of the pass.
-std::vector<std::string> hashDirectories(const std::string& mount) {
+std::vector<std::string> hashDirectories(const KSMaintenancePlan* plan, const std::string& mount) {
     std::vector<std::string> level{std::string()};
     for (int depth = 0; depth < kHashLevels; ++depth) {
         std::vector<std::string> next;
         for (const std::string& parent : level) {
             std::string directory = parent.empty() ? mount : mount + "/" + parent;
-            for (const std::string& name : sortedNames(directory, true)) {
+            for (const std::string& name : sortedNames(plan, directory, true)) {
                 if (depth == 0 && name == "lost+found") continue;
                 next.push_back(parent.empty() ? name : parent + "/" + name);
             }
@@ -55,14 +58,15 @@ std::vector<std::string> hashDirectories(const std::string& mount) {
 }
 
 // Space taken by a resource in fragments of its file system (the unit of blocksToFree).
-double fragmentsOf(const std::string& path, unsigned long fragment) {
+double fragmentsOf(const KSMaintenancePlan* plan, const std::string& path, unsigned long fragment) {
+    if (plan != nullptr) return static_cast<double>(plan->blocksOf(path)) * 512.0 / fragment;
     struct stat st;
     if (lstat(path.c_str(), &st) != 0) return 0.0;
     double total = static_cast<double>(st.st_blocks) * 512.0 / fragment;
     if (!S_ISDIR(st.st_mode)) return total;
     std::list<std::string> names;
     listDir(path.c_str(), &names, false, false);
-    for (const std::string& name : names) total += fragmentsOf(path + "/" + name, fragment);
+    for (const std::string& name : names) total += fragmentsOf(plan, path + "/" + name, fragment);
     return total;
 }
 
@@ -72,11 +76,12 @@ double fragmentsOf(const std::string& path, unsigned long fragment) {
 // every pass; the hash order makes the sample independent of age.
 class AgeTally {
   public:
-    explicit AgeTally(unsigned long fragment) : fragment_(fragment) {}
+    AgeTally(const KSMaintenancePlan* plan, unsigned long fragment)
+        : plan_(plan), fragment_(fragment) {}
     void add(int age, const std::string& path) {
         ++counts_[age];
         if (sampled_ >= kSampled) return;
-        measured_ += fragmentsOf(path, fragment_);
+        measured_ += fragmentsOf(plan_, path, fragment_);
         ++sampled_;
     }
     void fill(std::map<int, double>& ageMap) const {
@@ -86,6 +91,7 @@ class AgeTally {
 
   private:
     static constexpr unsigned kSampled = 256;
+    const KSMaintenancePlan* plan_;
     unsigned long fragment_;
     std::map<int, unsigned long long> counts_;
     double measured_ = 0.0;
@@ -113,14 +119,15 @@ int KSMountPointHandler::moveResourcesNewInner(kelp::db::DBConnector* connection
     unsigned long fragment =
         (statvfs(path_.c_str(), &fs) == 0 && fs.f_frsize > 0) ? fs.f_frsize : 4096;
 
-    const std::vector<std::string> hashes = hashDirectories(path_);
+    const KSMaintenancePlan* plan = repository_->plan();
+    const std::vector<std::string> hashes = hashDirectories(plan, path_);
     const size_t start =
         std::lower_bound(hashes.begin(), hashes.end(), resumeHash) - hashes.begin();
     const time_t now = KSClock::now();
     const int64_t youngest = static_cast<int64_t>(now) - moveTime;
     CandidateMove how;
     how.connection = connection;
-    AgeTally staying(fragment);
+    AgeTally staying(plan, fragment);
     auto finish = [&](int result) {
         staying.fill(ageMap);
         return result;
@@ -128,9 +135,9 @@ int KSMountPointHandler::moveResourcesNewInner(kelp::db::DBConnector* connection
 
     for (size_t k = 0; k < hashes.size(); ++k) {
         const std::string& hash = hashes[(start + k) % hashes.size()];
-        const std::vector<std::string> names = sortedNames(path_ + "/" + hash, false);
+        const std::vector<std::string> names = sortedNames(plan, path_ + "/" + hash, false);
         // Levels left empty while another resource's reservation ran (see clearEmptyHash).
-        if (names.empty()) clearEmptyHashLevels(path_, hash);
+        if (names.empty() && plan == nullptr) clearEmptyHashLevels(path_, hash);
         for (const std::string& name : names) {
             if (checkoverloadStopped) {
                 resumeHash = hash;
@@ -140,7 +147,7 @@ int KSMountPointHandler::moveResourcesNewInner(kelp::db::DBConnector* connection
             entry.name = name;
             entry.relativePath = hash + "/" + name;
             entry.path = path_ + "/" + entry.relativePath;
-            if (lstat(entry.path.c_str(), &st) != 0 || S_ISLNK(st.st_mode)) continue;
+            if (maintenanceLstat(plan, entry.path, &st) != 0 || S_ISLNK(st.st_mode)) continue;
             ++counters_.checked;
             repository_->progress().checked++;
             entry.time = lastAccess(entry.path.c_str(), &st);

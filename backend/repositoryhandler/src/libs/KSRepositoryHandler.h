@@ -18,6 +18,7 @@
 //   KSRepositoryCandidates.cpp       getGlobalOldestResources
 //   KSRepositoryMove.cpp             moveResourcesFromMount, moveResourcesNew, emptying a mount
 //   KSRepositoryOverload.cpp         checkOverload and its steps, deleteResourcesFromMount
+//   KSRepositoryPlan.cpp             the dry runs: planCheckOverload, planFreeMount
 //   KSRepositoryStatistics.cpp       writeCalcData, warnMoveTimeWarning, moveTimeWarning
 //
 // This header also declares the whole exported C surface (repohandler.h), so that a C++ caller
@@ -42,6 +43,7 @@
 #include "repohandler.h"
 
 struct utimbuf;
+class KSMaintenancePlan;
 class KSNomoveHandler;
 class KSProperties;
 namespace kelp {
@@ -327,6 +329,27 @@ public:
     };
     MaintenanceProgress& progress() { return progress_; }
 
+    // ---- dry runs (KSRepositoryPlan.cpp) ---------------------------------------------------
+
+    // What checkOverload(connection, false, night) would do now to the repository at `path`,
+    // decided by the same code on a private handler (see KSMaintenancePlan.h), without
+    // changing anything on disk, in the dirty set or in the database: no lock is taken, no
+    // file written, no resource touched, and the registry's handler (its limits included) is
+    // left alone. A stop signal ends the planning as it ends a run. Exceptions pass as from
+    // checkOverload. `watch`, when set, is called (in the calling thread) with the private
+    // handler before the planning starts, e.g. to show its progress() from another thread.
+    using PlanWatch = std::function<void(const std::shared_ptr<KSRepositoryHandler>&)>;
+    static KSMaintenancePlan planCheckOverload(kelp::db::DBConnector* connection, const char* path,
+                                               bool night, const PlanWatch& watch = nullptr);
+    // What moveAllResourcesFromMount(connection, mount, false) would do, the same way; `result`
+    // (may be null) gets the result the real run would return.
+    static KSMaintenancePlan planFreeMount(kelp::db::DBConnector* connection, const char* path,
+                                           const char* mount, int* result,
+                                           const PlanWatch& watch = nullptr);
+    // The plan that this handler's maintenance records its steps in instead of acting, or null
+    // for a real run. Only the private handlers of the functions above carry one.
+    KSMaintenancePlan* plan() const { return plan_; }
+
 private:
     void resetToDefaults();
     void setUpMounts(bool& nonFast, std::mutex& nonFastMutex);
@@ -367,6 +390,7 @@ private:
     // The steps of checkOverload (KSRepositoryOverload.cpp) keep the run's state here.
     friend class KSOverloadRun;
     MaintenanceProgress progress_;
+    KSMaintenancePlan* plan_ = nullptr;
     std::list<std::string> deletedDirs_;
     unsigned deletedCount_ = 0;
     unsigned collectNum_ = 100;

@@ -1,6 +1,9 @@
 // Moving resources between the mounts of a repository: the move loops of the overload check,
 // the emptying of a whole mount and bringing a resource back onto a fast mount.
 
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -13,6 +16,7 @@
 #include "KSClock.h"
 #include "KSException.h"
 #include "KSLogger.h"
+#include "KSMaintenancePlan.h"
 #include "KSNomoveHandler.h"
 #include "KSPathUtils.h"
 #include "KSProperties.h"
@@ -124,11 +128,13 @@ namespace {
 // The new move time after a pass that left the mount too full: the youngest age whose older
 // data, summed from the oldest age down, exceeds twice the space still to be freed; never
 // shorter than the no-move time.
-int newMoveTimeDays(const KSMountPointHandler& mount, const std::map<int, double>& ageMap,
+int newMoveTimeDays(KSMountPointHandler& mount, const std::map<int, double>& ageMap,
                     unsigned nomoveTime) {
     const int nomoveDays = static_cast<int>(nomoveTime / kSecondsPerDay);
     long toFree = 0;
-    if (blocksToFree(mount.path().c_str(), mount.config().cleanLimit, &toFree, nullptr) != 0)
+    struct statvfs figures;
+    if (mount.fileSystemFigures(&figures) != 0 ||
+        blocksToFree(mount.path().c_str(), mount.config().cleanLimit, &toFree, &figures) != 0)
         rh_logger.errorLog("blocksToFree statvfs error");
     const double wanted = 2.0 * static_cast<double>(toFree);
     double sum = 0.0;
@@ -175,24 +181,21 @@ int KSRepositoryHandler::moveResourcesNew(kelp::db::DBConnector* connection,
         rh_logger.infoLog("Checkoverload was stopped before finishing by rc stop or manual kill");
     } else if (result == 1 || result == 2) {
         int days = newMoveTimeDays(*mount, ageMap, settings_.nomoveTime);
-        moveTimeWarning(mount, days);
+        if (plan_ != nullptr)
+            plan_->notes.push_back("the move time of " + mount->path() + " would become " +
+                                   std::to_string(days) + " days");
+        else
+            moveTimeWarning(mount, days);
         state.properties().setProperty("movetime", std::to_string(days).c_str());
     } else if (result == 0) {
         state.properties().remove("movetime");
     }
     if (!resumeHash.empty()) state.properties().setProperty("lasthash", resumeHash.c_str());
-    state.save();
+    if (plan_ == nullptr) state.save();  // a dry run leaves the move state as it is
     return 0;
 }
 
 namespace {
-
-// Whole path components: a resource on /data/p10 does not lie on /data/p1.
-bool liesOn(const KSMountPointHandler& mount, const std::string& location) {
-    const std::string& root = mount.path();
-    return location.size() > root.size() && location.compare(0, root.size(), root) == 0 &&
-           location[root.size()] == '/';
-}
 
 KSMountPointHandler* findMount(KSRepositoryHandler::MountList& mounts, std::string name) {
     while (name.size() > 1 && name.back() == '/') name.pop_back();
@@ -218,8 +221,9 @@ void report(bool verbose, bool error, const std::string& text) {
 // command counts as a move but leaves the origin, so what is left decides, not the result:
 // otherwise the emptying would meet the same resource for ever.
 void settleEmptyingMove(CandidateMoveResult result, const ResourceEntry& entry,
-                        KSNomoveHandler& nomove, bool verbose) {
-    const bool stillHere = exists(entry.path.c_str());
+                        KSNomoveHandler& nomove, bool verbose, const KSMaintenancePlan* plan) {
+    struct stat st;
+    const bool stillHere = maintenanceLstat(plan, entry.path, &st) == 0;
     if (result == CandidateMoveResult::Vanished && !stillHere) {
         rh_logger.infoLog("EmptyMount skips %s as it seems to have been removed already\n",
                           entry.path.c_str());
@@ -257,9 +261,10 @@ int KSRepositoryHandler::moveAllResourcesFromMount(kelp::db::DBConnector* connec
         return -1;
     }
     std::unique_ptr<char[]> id(toResourceID(lockScope().c_str(), ""));
-    // The repository lock keeps the emptying and the overload check apart.
-    SmartSemaphore repositoryLock(settings_.isShared, id.get(), connection);
-    if (!repositoryLock.lock()) {
+    // The repository lock keeps the emptying and the overload check apart. A dry run changes
+    // nothing and takes no lock.
+    SmartSemaphore repositoryLock(settings_.isShared, plan_ ? nullptr : id.get(), connection);
+    if (plan_ == nullptr && !repositoryLock.lock()) {
         report(verbose, true, "The repository \"" + path_ + "\" could not be locked.");
         return -1;
     }
@@ -270,6 +275,7 @@ int KSRepositoryHandler::moveAllResourcesFromMount(kelp::db::DBConnector* connec
     progress_.reset();
     for (size_t i = 0; i < mounts_.size(); ++i)
         if (mounts_[i].get() == source) progress_.mountIndex = static_cast<int>(i);
+    source->restartRandomOrder();
     KSNomoveHandler nomove;
     CandidateMove how;
     how.connection = connection;
@@ -292,7 +298,7 @@ int KSRepositoryHandler::moveAllResourcesFromMount(kelp::db::DBConnector* connec
                 return finishEmptying(*source, connection, verbose);
             }
             settleEmptyingMove(moveCandidate(*this, how, entry, *mounts_[targetIndex]), entry,
-                               nomove, verbose);
+                               nomove, verbose, plan_);
         }
     }
     return finishEmptying(*source, connection, verbose);
@@ -316,7 +322,7 @@ char* KSRepositoryHandler::unAge(kelp::db::DBConnector* connection, const char* 
     for (auto& mount : mounts_) {
         if (!mount->config().fast) continue;
         if (mount->checkStatus(true) & (MOUNT_SWITCH | MOUNT_FULL | MOUNT_DEAD)) continue;
-        if (liesOn(*mount, location.get())) return nullptr;
+        if (liesOnMount(*mount, location.get())) return nullptr;
         target = mount.get();
     }
     if (target == nullptr) return nullptr;

@@ -12,6 +12,7 @@
 #include "KSCandidateMove.h"
 #include "KSClock.h"
 #include "KSLogger.h"
+#include "KSMaintenancePlan.h"
 #include "KSNomoveHandler.h"
 #include "KSPathUtils.h"
 #include "KSProperties.h"
@@ -80,6 +81,7 @@ class KSOverloadRun {
                        const std::set<std::string>& tried);
     Deletion deleteCandidate(const ResourceEntry& entry, KSMountPointHandler& mount,
                              bool oldEnough);
+    void planDeletion(const ResourceEntry& entry);
     void logCleanEnough();
 
     KSRepositoryHandler& repo_;
@@ -136,9 +138,12 @@ void KSOverloadRun::runSteps() {
 
     std::unique_ptr<char[]> id(toResourceID(repo_.lockScope().c_str(), ""));
     // Keeps two maintenance passes (or a pass and an emptying) of this repository apart; the
-    // destructor releases it on every way out, an exception included.
-    SmartSemaphore repositoryLock(repo_.settings().isShared, id.get(), connection_);
-    if (!repositoryLock.lock()) {
+    // destructor releases it on every way out, an exception included. A dry run changes
+    // nothing and takes no lock (that would write a lock file or a lock row).
+    const bool dryRun = repo_.plan() != nullptr;
+    SmartSemaphore repositoryLock(repo_.settings().isShared, dryRun ? nullptr : id.get(),
+                                  connection_);
+    if (!dryRun && !repositoryLock.lock()) {
         std::string text = "The repository \"" + name + "\" could not be locked.";
         say(verbose_, text.c_str());
         rh_logger.errorLog("%s", text.c_str());
@@ -161,7 +166,7 @@ void KSOverloadRun::runSteps() {
     }
     rh_logger.infoLog("checkoverload at the end");
     restoreDefaultHandlers();
-    repositoryLock.unlock();
+    if (!dryRun) repositoryLock.unlock();
 }
 
 void KSOverloadRun::checkMount(KSMountPointHandler& mount, int index) {
@@ -173,14 +178,14 @@ void KSOverloadRun::checkMount(KSMountPointHandler& mount, int index) {
     uint32_t status = mount.checkStatus(true);
     if (!(status & MOUNT_DEAD) && (status & MOUNT_MOVE)) {
         double used = cleanMount(mount, index);
-        if (nightManaged) repo_.writeCalcData(verbose_, &mount, used);
+        if (nightManaged && !repo_.plan()) repo_.writeCalcData(verbose_, &mount, used);
     } else if (status & MOUNT_DEAD) {
         rh_logger.infoLog("mount is unmounted\n");
     } else {
         double used = mount.getUsedPercentage();
         rh_logger.infoLog("mount does not need maintenance (moveLimit=%f, used=%f)\n",
                           mount.config().moveLimit, used);
-        if (nightManaged) repo_.writeCalcData(verbose_, &mount, used);
+        if (nightManaged && !repo_.plan()) repo_.writeCalcData(verbose_, &mount, used);
     }
 }
 
@@ -198,8 +203,9 @@ void KSOverloadRun::lowerLimitsForTheNight(KSMountPointHandler& mount) {
     if (!file.empty() && exists(file.c_str())) {
         KSProperties statistics;
         statistics.load(file.c_str());
+        // A dry run reads the statistics but leaves the file as it is.
         double volume = NightProperties::calcVolume(statistics, today.c_str(), eightDaysAgo.c_str(),
-                                                    file.c_str());
+                                                    repo_.plan() ? nullptr : file.c_str());
         if (volume != -1.0)
             config.nightLowerPercent =
                 config.nightVolumemul == 0.0 ? volume : volume * config.nightVolumemul;
@@ -362,6 +368,10 @@ bool KSOverloadRun::gatherUntried(KSMountPointHandler& mount, ResourceSet& globa
 
 KSOverloadRun::Deletion KSOverloadRun::deleteCandidate(const ResourceEntry& entry,
                                                        KSMountPointHandler& mount, bool oldEnough) {
+    if (repo_.plan() != nullptr) {
+        planDeletion(entry);
+        return Deletion::Deleted;
+    }
     const KSRepositoryHandler::Settings& settings = repo_.settings();
     KSTimedLock lock(settings.isShared, repo_.lockScope(), entry.name, connection_);
     if (!lock.acquire(verbose_)) return Deletion::Refused;
@@ -413,6 +423,24 @@ KSOverloadRun::Deletion KSOverloadRun::deleteCandidate(const ResourceEntry& entr
     lock.release();
     repo_.checkRepositoryStatus();
     return done;
+}
+
+// The dry run's deletion: what deleteCandidate does to the run's figures and to the fill
+// levels, recorded in the plan instead of done. The resource counts as untouched and its lock
+// as free, as they are on an unchanged repository.
+void KSOverloadRun::planDeletion(const ResourceEntry& entry) {
+    KSMaintenancePlan& plan = *repo_.plan();
+    int index = -1;
+    for (size_t i = 0; i < repo_.mounts().size(); ++i)
+        if (liesOnMount(*repo_.mounts()[i], entry.path)) index = static_cast<int>(i);
+    const std::string mountPath = index < 0 ? std::string() : repo_.mounts()[index]->path();
+    plan.recordDeletion(entry, mountPath, index);
+    repo_.deletedDirs_.push_back(entry.path);
+    ++repo_.deletedCount_;
+    ++changes_;
+    repo_.progress_.deleted++;
+    repo_.progress_.bytes += plan.steps.back().bytes;
+    repo_.checkRepositoryStatus();
 }
 
 // Delete-only cleaning: batches of the mount's oldest resources, each batch as large as the

@@ -58,7 +58,7 @@ double NightProperties::calcVolume(KSProperties& properties, const char* today,
     } else {
         puts("NO 7 present, returning -1");
     }
-    if (!old.empty()) {
+    if (!old.empty() && fileName != nullptr) {
         if (KSStateFile::replace(fileName, properties.text()) != KSStateFile::Result::kReplaced)
             rh_logger.errorLog("Could not write night statistics %s: %s", fileName,
                                strerror(errno));
