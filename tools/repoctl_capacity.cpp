@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
+
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -104,6 +106,28 @@ class StdoutToStderr {
     int saved_ = -1;
 };
 
+// While a run or a planning goes on, SIGTERM and SIGINT (an operator's Ctrl-C) stop it after
+// the resource in hand, as the library's stop flag does, instead of killing the process: the
+// run then ends in order and its record says it was stopped. The overload check installs the
+// same handler for SIGTERM itself; the emptying does not.
+class StopOnSignals {
+  public:
+    StopOnSignals() {
+        term_ = signal(SIGTERM, signal_handler);
+        interrupt_ = signal(SIGINT, signal_handler);
+    }
+    ~StopOnSignals() {
+        signal(SIGTERM, term_);
+        signal(SIGINT, interrupt_);
+    }
+    StopOnSignals(const StopOnSignals&) = delete;
+    StopOnSignals& operator=(const StopOnSignals&) = delete;
+
+  private:
+    void (*term_)(int);
+    void (*interrupt_)(int);
+};
+
 // The repository whose counters the progress line shows: the registry's handler for a real run,
 // the planning's private one for a dry run (handed over from the planning thread).
 class Watched {
@@ -162,6 +186,7 @@ int realRun(const char* command, const Options& options, const std::function<int
     int result;
     {
         StdoutToStderr quiet(options.json);
+        StopOnSignals stop;
         result = runWithProgress(
             command, [&] { return watched.line(); }, work, options.json, &run.seconds);
     }
@@ -289,6 +314,7 @@ int dryRun(
     int ran;
     {
         StdoutToStderr quiet(options.json);
+        StopOnSignals stop;
         ran = runWithProgress(
             command, [&] { return watched.line(); },
             [&] {

@@ -112,6 +112,34 @@ TEST_F(RepoctlMaintenance, checkOverloadPrintsItsPlanAsJsonThenTheRealRunDoesItA
     EXPECT_EQ(recorded.exitCode, 0);
 }
 
+TEST_F(RepoctlMaintenance, aRunThatASignalStopsEndsInOrderAndIsRecordedAsStopped) {
+    repo_.addTmpfsMount("p1", kSmall, 2000, {{"moveLimit", "50"}, {"cleanLimit", "40"}});
+    repo_.writeConfig(
+        {{"isShared", "false"}, {"isClearable", "true"}, {"callback", "RepositoryStudyCallback"}});
+    std::vector<std::string> byAge;
+    for (int i = 0; i < 20; ++i) byAge.push_back(put(0, "r" + std::to_string(i), 40 - i));
+    // The first deletion's callback (run through sh by repoctl) sends SIGTERM to repoctl.
+    TempTree taskd;
+    const std::string script = taskd.write(
+        "runjavacmd", "#!/bin/sh\nkill -TERM $(cut -d' ' -f4 /proc/$PPID/stat)\nexit 0\n");
+    ASSERT_EQ(chmod(script.c_str(), 0755), 0);
+
+    const RepoctlRun run = runRepoctl(
+        {"check-overload", repo_.path(), "--json"},
+        {{"VAR", var_.root()}, {"LOCK_VAR", locks_.root()}, {"TASKD_HOME", taskd.root()}});
+
+    ASSERT_EQ(run.code, 0) << run.err;
+    const JsonValue done = json(run);
+    EXPECT_TRUE(done["stopped"].boolean());
+    EXPECT_EQ(done["deleted"].number(), 1.0) << "the run ends after the resource in hand";
+    EXPECT_FALSE(entryExists(byAge[0]));
+    EXPECT_TRUE(entryExists(byAge[1]));
+    RepoctlLastRun recorded;
+    ASSERT_TRUE(recorded.load(repo_.path()));
+    EXPECT_TRUE(recorded.stopped);
+    EXPECT_EQ(recorded.deleted, 1u);
+}
+
 TEST_F(RepoctlMaintenance, freeMountDryRunNamesEachMoveAndEachMountsLevelAndChangesNothing) {
     repo_.addTmpfsMount("p1", kSmall, 2000);
     repo_.addTmpfsMount("p2", kLarge, 2000);
