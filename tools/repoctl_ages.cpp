@@ -18,6 +18,7 @@
 #include "KSCandidateMove.h"
 #include "KSClock.h"
 #include "KSRepositoryHandler.h"
+#include "RepoctlArgs.h"
 #include "RepoctlCommand.h"
 #include "RepoctlProgress.h"
 
@@ -182,36 +183,25 @@ void writeJson(const KSRepositoryHandler& repo, time_t now,
 }
 
 int runAges(int argc, char** argv) {
-    const char* positional[2] = {nullptr, nullptr};
-    int count = 0;
-    bool asJson = false;
-    for (int i = 1; i < argc; ++i) {
-        if (strcmp(argv[i], "--json") == 0) {
-            asJson = true;
-        } else if (argv[i][0] != '-' && count < 2) {
-            positional[count++] = argv[i];
-        } else {
-            fprintf(stderr, "repoctl %s: %s \"%s\"\n", argv[0],
-                    argv[i][0] == '-' ? "unknown option" : "unexpected argument", argv[i]);
-            return repoctlUsage(argv[0]);
-        }
+    RepoctlArgs args(argc, argv, {"--json"});
+    if (!args.ok() || args.positional().empty() || args.positional().size() > 2) {
+        return repoctlUsageError(argv[0],
+                                 !args.ok() ? args.error()
+                                 : args.positional().empty()
+                                     ? "one repository expected"
+                                     : "unexpected argument \"" + args.positional()[2] + "\"");
     }
-    if (count == 0) {
-        fprintf(stderr, "repoctl %s: a repository is needed\n", argv[0]);
-        return repoctlUsage(argv[0]);
-    }
-    struct stat st;
-    if (stat(positional[0], &st) != 0 || !S_ISDIR(st.st_mode)) {
-        fprintf(stderr, "repoctl %s: no repository directory \"%s\"\n", argv[0], positional[0]);
-        return 1;
-    }
-    std::shared_ptr<KSRepositoryHandler> repo = getRepository(nullptr, positional[0], true);
+    const bool asJson = args.has("--json");
+    const std::string& repository = args.positional()[0];
+    if (!isRepositoryDirectory(argv[0], repository)) return 1;
+    std::shared_ptr<KSRepositoryHandler> repo = getRepository(nullptr, repository.c_str(), true);
     repo->initMPHandlers();
     std::vector<KSMountPointHandler*> mounts;
-    if (positional[1] != nullptr) {
-        KSMountPointHandler* mount = findMount(*repo, positional[1]);
+    if (args.positional().size() == 2) {
+        const std::string& name = args.positional()[1];
+        KSMountPointHandler* mount = findMount(*repo, name);
         if (mount == nullptr) {
-            fprintf(stderr, "repoctl %s: \"%s\" is no mount of %s\n", argv[0], positional[1],
+            fprintf(stderr, "repoctl %s: \"%s\" is no mount of %s\n", argv[0], name.c_str(),
                     repo->path().c_str());
             return 1;
         }

@@ -16,11 +16,13 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "JsonWriter.h"
 #include "KSClock.h"
 #include "KSMaintenancePlan.h"
 #include "KSRepositoryHandler.h"
+#include "RepoctlArgs.h"
 #include "RepoctlCommand.h"
 #include "RepoctlLastRun.h"
 #include "RepoctlNames.h"
@@ -31,37 +33,32 @@ namespace {
 using Progress = KSRepositoryHandler::MaintenanceProgress;
 
 struct Options {
-    const char* positional[2] = {nullptr, nullptr};
-    int count = 0;
+    std::vector<std::string> positional;  // the repository, then the mount
     bool night = false;
     bool verbose = false;
     bool dryRun = false;
     bool json = false;
 };
 
-// false for an unknown option or one positional argument too many.
-bool parse(int argc, char** argv, int positionals, bool nightAllowed, Options& options) {
-    for (int i = 1; i < argc; ++i) {
-        const char* arg = argv[i];
-        if (nightAllowed && strcmp(arg, "--night") == 0)
-            options.night = true;
-        else if (strcmp(arg, "--verbose") == 0)
-            options.verbose = true;
-        else if (strcmp(arg, "--dry-run") == 0)
-            options.dryRun = true;
-        else if (strcmp(arg, "--json") == 0)
-            options.json = true;
-        else if (arg[0] != '-' && options.count < positionals)
-            options.positional[options.count++] = arg;
-        else {
-            fprintf(stderr, "repoctl %s: %s \"%s\"\n", argv[0],
-                    arg[0] == '-' ? "unknown option" : "unexpected argument", arg);
-            return false;
-        }
+// false (after the one-line error and the usage) for a bad command line.
+bool parse(int argc, char** argv, size_t positionals, bool nightAllowed, Options& options,
+           int& code) {
+    std::vector<std::string> flags = {"--verbose", "--dry-run", "--json"};
+    if (nightAllowed) flags.push_back("--night");
+    RepoctlArgs args(argc, argv, flags);
+    if (!args.ok() || args.positional().size() != positionals) {
+        code = repoctlUsageError(argv[0], !args.ok()         ? args.error()
+                                          : positionals == 1 ? "one repository expected"
+                                                             : "a repository and a mount expected");
+        return false;
     }
-    if (options.count == positionals) return true;
-    fprintf(stderr, "repoctl %s: %s\n", argv[0],
-            positionals == 1 ? "a repository is needed" : "a repository and a mount are needed");
+    options.positional = args.positional();
+    options.night = args.has("--night");
+    options.verbose = args.has("--verbose");
+    options.dryRun = args.has("--dry-run");
+    options.json = args.has("--json");
+    if (isRepositoryDirectory(argv[0], options.positional[0])) return true;
+    code = 1;
     return false;
 }
 
@@ -76,11 +73,6 @@ std::string currentMount(const KSRepositoryHandler& repo) {
     int index = const_cast<KSRepositoryHandler&>(repo).progress().mountIndex.load();
     if (index < 0 || index >= static_cast<int>(repo.mounts().size())) return "-";
     return repo.mounts()[index]->path();
-}
-
-bool isDirectory(const char* path) {
-    struct stat st;
-    return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 // With --json the library's own printing (verbose lines, the night statistics' lines) goes to
@@ -176,7 +168,7 @@ void writeRunJson(const char* command, const std::string& repository, const Repo
 // threw.
 int realRun(const char* command, const Options& options, const std::function<int()>& work,
             const std::function<int(int)>& exitCode) {
-    auto repo = getRepository(nullptr, options.positional[0], true);
+    auto repo = getRepository(nullptr, options.positional[0].c_str(), true);
     Watched watched;
     watched.set(repo);
     RepoctlLastRun run;
@@ -257,7 +249,7 @@ void writePlanJson(const char* command, const std::string& repository, const Opt
         .field("repository", repository)
         .field("dryRun", true)
         .field("night", options.night);
-    if (options.count > 1) json.field("mount", options.positional[1]);
+    if (options.positional.size() > 1) json.field("mount", options.positional[1]);
     json.key("steps").beginArray();
     for (const KSMaintenancePlan::Step& step : plan.steps) {
         const bool move = step.action == KSMaintenancePlan::Action::Move;
@@ -336,15 +328,11 @@ int dryRun(
 
 int runCheckOverload(int argc, char** argv) {
     Options options;
-    if (!parse(argc, argv, 1, true, options)) return repoctlUsage(argv[0]);
-    if (!isDirectory(options.positional[0])) {
-        fprintf(stderr, "repoctl %s: no repository directory \"%s\"\n", argv[0],
-                options.positional[0]);
-        return 1;
-    }
+    int code = 0;
+    if (!parse(argc, argv, 1, true, options, code)) return code;
     if (options.dryRun) {
         int code = dryRun(argv[0], options, [&](const KSRepositoryHandler::PlanWatch& watch, int*) {
-            return KSRepositoryHandler::planCheckOverload(nullptr, options.positional[0],
+            return KSRepositoryHandler::planCheckOverload(nullptr, options.positional[0].c_str(),
                                                           options.night, watch);
         });
         return code == 0 ? 0 : 1;
@@ -352,7 +340,7 @@ int runCheckOverload(int argc, char** argv) {
     return realRun(
                argv[0], options,
                [&] {
-                   auto repo = getRepository(nullptr, options.positional[0], true);
+                   auto repo = getRepository(nullptr, options.positional[0].c_str(), true);
                    repo->checkOverload(repo->getDbConnector(nullptr), options.verbose,
                                        options.night);
                    return 0;
@@ -364,26 +352,23 @@ int runCheckOverload(int argc, char** argv) {
 
 int runFreeMount(int argc, char** argv) {
     Options options;
-    if (!parse(argc, argv, 2, false, options)) return repoctlUsage(argv[0]);
-    if (!isDirectory(options.positional[0])) {
-        fprintf(stderr, "repoctl %s: no repository directory \"%s\"\n", argv[0],
-                options.positional[0]);
-        return 1;
-    }
+    int code = 0;
+    if (!parse(argc, argv, 2, false, options, code)) return code;
     int result;
     if (options.dryRun) {
         result =
             dryRun(argv[0], options, [&](const KSRepositoryHandler::PlanWatch& watch, int* code) {
-                return KSRepositoryHandler::planFreeMount(nullptr, options.positional[0],
-                                                          options.positional[1], code, watch);
+                return KSRepositoryHandler::planFreeMount(nullptr, options.positional[0].c_str(),
+                                                          options.positional[1].c_str(), code,
+                                                          watch);
             });
     } else {
         result = realRun(
             argv[0], options,
             [&] {
-                auto repo = getRepository(nullptr, options.positional[0], true);
-                return repo->moveAllResourcesFromMount(repo->getDbConnector(nullptr),
-                                                       options.positional[1], options.verbose);
+                auto repo = getRepository(nullptr, options.positional[0].c_str(), true);
+                return repo->moveAllResourcesFromMount(
+                    repo->getDbConnector(nullptr), options.positional[1].c_str(), options.verbose);
             },
             [](int code) { return code == 0 ? 0 : 1; });
     }

@@ -185,17 +185,17 @@ TEST_F(RepoctlMaintenance, usageErrorsSayWhatIsWrongInOneLineThenTheUsage) {
         std::string firstLine;
     };
     const std::vector<Case> cases = {
-        {{"check-overload"}, 2, "repoctl check-overload: a repository is needed\n"},
+        {{"check-overload"}, 2, "repoctl check-overload: one repository expected\n"},
         {{"check-overload", repo_.path(), "--bogus"},
          2,
          "repoctl check-overload: unknown option \"--bogus\"\n"},
         {{"free-mount", repo_.path()},
          2,
-         "repoctl free-mount: a repository and a mount are needed\n"},
+         "repoctl free-mount: a repository and a mount expected\n"},
         {{"free-mount", repo_.path(), "p1", "--night"},
          2,
          "repoctl free-mount: unknown option \"--night\"\n"},
-        {{"ages"}, 2, "repoctl ages: a repository is needed\n"},
+        {{"ages"}, 2, "repoctl ages: one repository expected\n"},
         {{"ages", repo_.path(), "p1", "p2"}, 2, "repoctl ages: unexpected argument \"p2\"\n"},
         {{"ages", repo_.path(), "p9"},
          1,
