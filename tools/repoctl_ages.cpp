@@ -133,9 +133,12 @@ void printProfile(const MountProfile& profile) {
             daysText(band.from) + (band.to < 0 ? "+" : " - " + daysText(band.to));
         const int width = static_cast<int>(band.bytes * kBarWidth / largest);
         const std::string bar = std::string(width, '#') + (band.bytes > 0 && width == 0 ? "." : "");
-        printf("  %-13s %9llu %11s %13s  %-*s%s%s\n", range.c_str(), band.resources,
-               bytesText(band.bytes).c_str(), bytesText(band.olderBytes).c_str(), kBarWidth,
-               bar.c_str(), band.marks.empty() ? "" : "  <- ", joined(band.marks).c_str());
+        const std::string marks = band.marks.empty() ? std::string()
+                                                     : std::string(kBarWidth - bar.size(), ' ') +
+                                                           "  <- " + joined(band.marks);
+        printf("  %-13s %9llu %11s %13s  %s%s\n", range.c_str(), band.resources,
+               bytesText(band.bytes).c_str(), bytesText(band.olderBytes).c_str(), bar.c_str(),
+               marks.c_str());
     }
     printf("  total %llu resources, %s\n", profile.resources, bytesText(profile.bytes).c_str());
 }
