@@ -16,7 +16,8 @@ class NightProperties {
     // The night volume: the mean of the five largest of the seven daily values dated strictly
     // between `eightDaysAgo` and `today`, or -1.0 when there are not exactly seven. Entries
     // dated `eightDaysAgo` or earlier are removed from `properties` and, when any was, the
-    // properties are written to `fileName` (a null `fileName`: to no file). Prints what it reads on standard output.
+    // properties are written to `fileName` (a null `fileName`: to no file). Prints what it reads on
+    // standard output.
     static double calcVolume(KSProperties& properties, const char* today, const char* eightDaysAgo,
                              const char* fileName);
     // The statistics file of the mount at `mountPath`; empty when VAR is not set.
