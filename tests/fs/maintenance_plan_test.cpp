@@ -212,14 +212,15 @@ TEST_F(MaintenancePlan, APassThatCannotFreeEnoughIsPlannedWithItsNewMoveTime) {
         << plan.notes[0];
 }
 
-TEST_F(MaintenancePlan, AClearableRepositoryDeletesWhatThePlanSaidOldestFirst) {
+TEST_F(MaintenancePlan, AClearableRepositoryDeletesWhatThePlanSaidOldestFirstSparingTheDirty) {
     makeRepository({{"isClearable", "true"}}, {{"moveLimit", "50"}, {"cleanLimit", "40"}});
     for (int i = 0; i < 20; ++i) put(0, "r" + std::to_string(i), 40 - i);
+    getRepository(nullptr, repo_.path().c_str(), true)->setDirty(nullptr, "r0", true);
 
     KSMaintenancePlan plan = checkOverloadAsPlanned();
 
     EXPECT_EQ(moves(plan), 0);
-    EXPECT_EQ(plan.steps.front().from, placed_.front());
+    EXPECT_EQ(plan.steps.front().from, placed_[1]) << "r0 waits in the dirty set";
     EXPECT_LT(plan.mounts[0].usedAfter, 40.0);
 }
 
