@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,17 @@ namespace db {
 // LockDBSql::storageKey).
 class RH_EXPORT LockDB {
   public:
+    // What the last writer of a file shared between servers recorded beside the file's lock
+    // (the change table, named after the lock table with "CHG" appended): see
+    // KSDirtyFlagHandler for the protocol that uses it.
+    struct ChangeRecord {
+        uint64_t counter = 0;    // writes recorded so far
+        std::string content;     // fingerprint of what the last writer writes (or wrote)
+        std::string previous;    // fingerprint of the content that write replaces
+        std::string path;        // the file's path as the last writer sees it
+        std::string host;        // the last writer's host name
+    };
+
     virtual ~LockDB();
 
     // Takes lock lockId for resource on behalf of actor. True when the lock is now held by actor:
@@ -52,6 +64,13 @@ class RH_EXPORT LockDB {
     };
     // Every row whose whole id begins with `prefix` (compared byte for byte), in id order.
     virtual std::vector<Row> locksWithPrefix(const std::string& prefix) = 0;
+
+    // The change record kept under lockId; false when there is none. Errors are logged under
+    // "LockManager" and thrown (a missing change table among them).
+    virtual bool changeRecord(const std::string& lockId, ChangeRecord& record) = 0;
+    // Creates or replaces the change record of lockId (safe to repeat: it sets values). The
+    // caller holds lock lockId. Errors are logged under "LockManager" and thrown.
+    virtual void recordChange(const std::string& lockId, const ChangeRecord& record) = 0;
 };
 
 }  // namespace db

@@ -26,6 +26,15 @@ const size_t kKeyPrefixBytes = 190;
 const size_t kActorBuffer = 4096;
 // LCKRESOURCE is a BLOB in the reference schema: at most this many bytes.
 const size_t kResourceBuffer = 65535;
+// Fingerprints are a size and a SHA-256 digest; paths at most PATH_MAX; host names short.
+const size_t kFingerprintBuffer = 256;
+const size_t kPathBuffer = 8192;
+const size_t kHostBuffer = 1024;
+
+std::string fetched(const std::string& buffer, const QueryResult& result) {
+    if (result.isNull()) return std::string();
+    return buffer.substr(0, std::min<size_t>(result.length(), buffer.size()));
+}
 
 bool isUtf8Continuation(char c) {
     return (static_cast<unsigned char>(c) & 0xc0) == 0x80;
@@ -36,7 +45,7 @@ bool isUtf8Continuation(char c) {
 LockDB::~LockDB() = default;
 
 LockDBSql::LockDBSql(DBConnectorSql& connector)
-    : PSCache(connector), table_(envOr("NVLOCKTBL", "")) {
+    : PSCache(connector), table_(envOr("NVLOCKTBL", "")), changeTable_(table_ + "CHG") {
     registerQuery(
         insert_,
         [this] {
@@ -64,6 +73,23 @@ LockDBSql::LockDBSql(DBConnectorSql& connector)
                    table_ + " WHERE LEFT(LCKRESOURCE, ?) = BINARY ? ORDER BY LCKRESOURCE";
         },
         2, 3);
+    registerQuery(
+        readChange_,
+        [this] {
+            return "SELECT CHGCOUNTER,CHGCONTENT,CHGPREVIOUS,CHGPATH,CHGHOST FROM " +
+                   changeTable_ + " WHERE CHGID=?";
+        },
+        1, 5);
+    registerQuery(
+        writeChange_,
+        [this] {
+            return "INSERT INTO " + changeTable_ +
+                   " (CHGID,CHGCOUNTER,CHGCONTENT,CHGPREVIOUS,CHGPATH,CHGHOST,CHGTIME) VALUES "
+                   "(?,?,?,?,?,?,NOW()) ON DUPLICATE KEY UPDATE CHGCOUNTER=VALUES(CHGCOUNTER),"
+                   "CHGCONTENT=VALUES(CHGCONTENT),CHGPREVIOUS=VALUES(CHGPREVIOUS),"
+                   "CHGPATH=VALUES(CHGPATH),CHGHOST=VALUES(CHGHOST),CHGTIME=VALUES(CHGTIME)";
+        },
+        6, 0);
     init();
 }
 
@@ -136,6 +162,70 @@ bool LockDBSql::deleteOwnRow(const std::string& key, const std::string& actor) {
     if (!record.mayHaveRunBefore) return false;
     std::string holder;
     return !holderOfKey(key, holder) || holder != actor;
+}
+
+bool LockDBSql::changeRecord(const std::string& lockId, ChangeRecord& record) {
+    const std::string key = storageKey(lockId);
+    try {
+        return withBindingMemory([&] {
+            std::string counter(32, '\0'), content(kFingerprintBuffer, '\0'),
+                previous(kFingerprintBuffer, '\0'), path(kPathBuffer, '\0'),
+                host(kHostBuffer, '\0');
+            std::lock_guard<std::recursive_mutex> guard(connector().sql().mutex());
+            QueryResult counterResult(MYSQL_TYPE_STRING, &counter[0], counter.size(),
+                                      SIGNED_VALUE);
+            QueryResult contentResult(MYSQL_TYPE_STRING, &content[0], content.size(),
+                                      SIGNED_VALUE);
+            QueryResult previousResult(MYSQL_TYPE_STRING, &previous[0], previous.size(),
+                                       SIGNED_VALUE);
+            QueryResult pathResult(MYSQL_TYPE_STRING, &path[0], path.size(), SIGNED_VALUE);
+            QueryResult hostResult(MYSQL_TYPE_STRING, &host[0], host.size(), SIGNED_VALUE);
+            QueryBindings bindings(readChange_.paramCount, readChange_.resultCount);
+            bindings.bindString(0, key);
+            bindings.bindResult(0, counterResult);
+            bindings.bindResult(1, contentResult);
+            bindings.bindResult(2, previousResult);
+            bindings.bindResult(3, pathResult);
+            bindings.bindResult(4, hostResult);
+            PSHandle handle = executeQuery(readChange_, bindings);
+            const int status = handle.statement->fetch();
+            if (status == MYSQL_NO_DATA) return false;
+            // A path or host longer than its buffer arrives cut (MYSQL_DATA_TRUNCATED); both
+            // are for people only, the fingerprints always fit.
+            if (status != 0 && status != MYSQL_DATA_TRUNCATED)
+                throw DBException("LockDBSql::changeRecord: the change record of " + key +
+                                  " could not be read");
+            record.counter = std::stoull(fetched(counter, counterResult));
+            record.content = fetched(content, contentResult);
+            record.previous = fetched(previous, previousResult);
+            record.path = fetched(path, pathResult);
+            record.host = fetched(host, hostResult);
+            return true;
+        });
+    } catch (const DBException& e) {
+        dbSyslog("LockManager", "LockDBSql::changeRecord: Exception caught: %s", e.what());
+        throw;
+    }
+}
+
+void LockDBSql::recordChange(const std::string& lockId, const ChangeRecord& record) {
+    const std::string key = storageKey(lockId);
+    const std::string counter = std::to_string(record.counter);
+    try {
+        withBindingMemory([&] {
+            QueryBindings bindings(writeChange_.paramCount, writeChange_.resultCount);
+            bindings.bindString(0, key);
+            bindings.bindString(1, counter);
+            bindings.bindString(2, record.content);
+            bindings.bindString(3, record.previous);
+            bindings.bindString(4, record.path);
+            bindings.bindString(5, record.host);
+            return executeUpdate(writeChange_, bindings, true);
+        });
+    } catch (const DBException& e) {
+        dbSyslog("LockManager", "LockDBSql::recordChange: Exception caught: %s", e.what());
+        throw;
+    }
 }
 
 bool LockDBSql::holderOfKey(const std::string& key, std::string& actor) {

@@ -15,7 +15,8 @@ class DBConnectorSql;
 // unique key on LCKID lets exactly one of several concurrent inserts win. LCKACTOR holds the
 // actor, which the lock's own statements compare so that a repeated statement never acts on
 // another holder's row. The table name comes from NVLOCKTBL (empty when unset, and then every
-// statement fails to prepare).
+// statement fails to prepare). The change records live in the table of the same name with "CHG"
+// appended, keyed by the same storage keys.
 class LockDBSql : public LockDB, public PSCache {
   public:
     explicit LockDBSql(DBConnectorSql& connector);
@@ -26,6 +27,8 @@ class LockDBSql : public LockDB, public PSCache {
     bool releaseLockOf(const std::string& lockId, const std::string& actor) override;
     bool lockHolder(const std::string& lockId, std::string& actor) override;
     std::vector<Row> locksWithPrefix(const std::string& prefix) override;
+    bool changeRecord(const std::string& lockId, ChangeRecord& record) override;
+    void recordChange(const std::string& lockId, const ChangeRecord& record) override;
 
     // Longest id (in bytes) stored as it is; the key column must hold this many bytes.
     static constexpr size_t kMaxKeyBytes = 255;
@@ -41,10 +44,13 @@ class LockDBSql : public LockDB, public PSCache {
     bool deleteOwnRow(const std::string& key, const std::string& actor);
 
     std::string table_;
+    std::string changeTable_;
     PsQuery insert_;
     PsQuery deleteOwn_;
     PsQuery holder_;
     PsQuery listPrefix_;
+    PsQuery readChange_;
+    PsQuery writeChange_;
 };
 
 }  // namespace db

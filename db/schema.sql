@@ -20,6 +20,24 @@ CREATE TABLE IF NOT EXISTS NVLOCK (
 -- A table made by an earlier version of this file gets the same column types.
 ALTER TABLE NVLOCK MODIFY LCKID VARBINARY(255) NOT NULL, MODIFY LCKRESOURCE BLOB NOT NULL;
 
+-- Change records of files that several servers share and change under a lock of NVLOCK (the
+-- dirty set of a shared repository): one row per file, keyed like the lock (CHGID is the
+-- storage key of the file's lock id), written by each writer while it holds that lock. CHGCONTENT
+-- is the fingerprint ("<size>:<SHA-256>") of the content the last writer writes, CHGPREVIOUS
+-- that of the content it replaces; a reader under the lock that reads something else was
+-- served stale data by its client and reads again. CHGPATH and CHGHOST tell where the last
+-- writer saw the file. The name is the lock table's with "CHG" appended.
+CREATE TABLE IF NOT EXISTS NVLOCKCHG (
+    CHGID       VARBINARY(255) NOT NULL,
+    CHGCOUNTER  BIGINT UNSIGNED NOT NULL,
+    CHGCONTENT  VARBINARY(128) NOT NULL,
+    CHGPREVIOUS VARBINARY(128) NOT NULL,
+    CHGPATH     BLOB NOT NULL,
+    CHGHOST     VARCHAR(255) NOT NULL DEFAULT '',
+    CHGTIME     DATETIME NOT NULL,
+    PRIMARY KEY (CHGID)
+) ENGINE=InnoDB;
+
 -- Signed-on user sessions, keyed by session id and client address.
 CREATE TABLE IF NOT EXISTS USERSESSION (
     SID        VARCHAR(128) NOT NULL,

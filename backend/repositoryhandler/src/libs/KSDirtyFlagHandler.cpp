@@ -11,7 +11,9 @@
 #include "KSAssertionException.h"
 #include "KSClock.h"
 #include "KSLogger.h"
+#include "DBConnector.h"
 #include "KSPathUtils.h"
+#include "KSSemaphoreGlobal.h"
 #include "KSStateFile.h"
 #include "SmartSemaphore.h"
 
@@ -48,13 +50,16 @@ std::string formatNames(const std::set<std::string>& names) {
     return content;
 }
 
+}  // namespace
+
 // The lock of the dirty file, shared with every process that opens the repository.
-class FileLock {
+class KSDirtyFlagHandler::FileLock {
   public:
     FileLock(bool global, const std::string& filePath, const std::string& lockName,
              kelp::db::DBConnector* connection)
         : filePath_(filePath),
           id_(toResourceID(lockName.c_str(), "")),
+          global_(global),
           semaphore_(global, id_.get(), connection) {}
 
     bool take() {
@@ -63,13 +68,18 @@ class FileLock {
         return false;
     }
 
+    // The lock table's facet of the connection the lock is held through; null for a lock file.
+    kelp::db::LockDB* lockDB() {
+        if (!global_) return nullptr;
+        return static_cast<KSSemaphoreGlobal*>(semaphore_.semaphore())->connector()->lockDB();
+    }
+
   private:
     const std::string& filePath_;
     std::unique_ptr<char[]> id_;
+    bool global_;
     SmartSemaphore semaphore_;
 };
-
-}  // namespace
 
 void KSDirtyFlagHandler::setRepository(kelp::db::DBConnector* /*connection*/,
                                        const char* repository, bool semaphoreType,
@@ -84,6 +94,8 @@ void KSDirtyFlagHandler::setRepository(kelp::db::DBConnector* /*connection*/,
     lockName_ = lockName != nullptr ? lockName : filePath_;
     semaphoreType_ = semaphoreType;
     file_.setPath(filePath_);
+    std::unique_ptr<char[]> lockId(toResourceID(lockName_.c_str(), ""));
+    record_.bind(filePath_, lockId.get());
     refreshLocked();
 }
 
@@ -118,10 +130,9 @@ void KSDirtyFlagHandler::setDirty(kelp::db::DBConnector* connection, const char*
         rebuildLocked();
         return;
     }
-    KSStateFileCache::Outcome outcome = file_.reread();
-    if (outcome == KSStateFileCache::Outcome::kFailed) {
-        // Writing over a file that could not be read would drop whatever it holds.
-        logFileError(file_.error());
+    // Writing over a file that could not be read, or over content that may be stale, would
+    // drop whatever it holds.
+    if (!rereadLocked(fileLock)) {
         rebuildLocked();
         return;
     }
@@ -130,7 +141,7 @@ void KSDirtyFlagHandler::setDirty(kelp::db::DBConnector* connection, const char*
         unwritten_.clear();
         return;
     }
-    writeLocked();
+    writeLocked(fileLock);
 }
 
 void KSDirtyFlagHandler::clearDirtySet(kelp::db::DBConnector* connection) {
@@ -138,7 +149,7 @@ void KSDirtyFlagHandler::clearDirtySet(kelp::db::DBConnector* connection) {
     dirty_.clear();
     unwritten_.clear();
     FileLock fileLock(semaphoreType_, filePath_, lockName_, connection);
-    if (fileLock.take()) writeLocked();
+    if (fileLock.take()) writeLocked(fileLock);
 }
 
 void KSDirtyFlagHandler::checkAndReadSetFile(kelp::db::DBConnector* /*connection*/) {
@@ -149,7 +160,12 @@ void KSDirtyFlagHandler::checkAndReadSetFile(kelp::db::DBConnector* /*connection
 void KSDirtyFlagHandler::writeSetFile(kelp::db::DBConnector* connection) {
     std::lock_guard<std::mutex> guard(mutex_);
     FileLock fileLock(semaphoreType_, filePath_, lockName_, connection);
-    if (fileLock.take()) writeLocked();
+    if (fileLock.take()) writeLocked(fileLock);
+}
+
+void KSDirtyFlagHandler::setStaleContentWait(std::chrono::milliseconds wait) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    record_.setWait(wait);
 }
 
 std::set<std::string> KSDirtyFlagHandler::snapshot() {
@@ -183,10 +199,37 @@ void KSDirtyFlagHandler::rebuildLocked() {
     }
 }
 
-bool KSDirtyFlagHandler::writeLocked() {
+// A lock file serialises processes of one server, whose reads see every completed rename; a
+// database lock serialises servers, whose clients may serve stale content: the change record
+// decides there (KSSharedFileRecord).
+bool KSDirtyFlagHandler::rereadLocked(FileLock& fileLock) {
+    if (!semaphoreType_) {
+        if (file_.reread() != KSStateFileCache::Outcome::kFailed) return true;
+        logFileError(file_.error());
+        return false;
+    }
+    switch (record_.readConfirmed(fileLock.lockDB(), file_)) {
+        case KSSharedFileRecord::Read::kConfirmed:
+            return true;
+        case KSSharedFileRecord::Read::kFailed:
+            logFileError(file_.error());
+            return false;
+        case KSSharedFileRecord::Read::kUnconfirmed:
+            return false;
+    }
+    return false;
+}
+
+// For a shared repository the change is recorded before the rename, so that a reader on any
+// server can tell the new content from a stale copy of the old.
+bool KSDirtyFlagHandler::writeLocked(FileLock& fileLock) {
     const std::string content = formatNames(dirty_);
-    if (KSStateFile::replace(filePath_, content) != KSStateFile::Result::kReplaced) {
-        int error = errno;
+    kelp::db::LockDB* db = semaphoreType_ ? fileLock.lockDB() : nullptr;
+    if (db != nullptr && !record_.beforeReplace(db, file_, content)) return false;
+    const bool replaced = KSStateFile::replace(filePath_, content) == KSStateFile::Result::kReplaced;
+    const int error = errno;
+    if (db != nullptr) record_.afterReplace(db, replaced);
+    if (!replaced) {
         rh_logger.errorLog("Writing the dirty file \"%s\" failed: %s", filePath_.c_str(),
                            strerror(error));
         return false;

@@ -16,6 +16,7 @@
 #include <set>
 #include <string>
 
+#include "KSSharedFileRecord.h"
 #include "KSStateFileCache.h"
 
 namespace kelp {
@@ -59,14 +60,22 @@ class KSDirtyFlagHandler {
     const std::string& lockName() const { return lockName_; }
     // A copy of the set as this process holds it now (no file access).
     std::set<std::string> snapshot();
+    // How long a writer of a shared repository waits for its storage to serve the content the
+    // change record names (KSSharedFileRecord; tests shorten it).
+    void setStaleContentWait(std::chrono::milliseconds wait);
 
   private:
+    class FileLock;
+
     // All expect mutex_ held.
     void refreshLocked();
     // The set read from the file's content, with the changes not yet written applied.
     void rebuildLocked();
-    // Expects the file lock taken; true when the file now holds the set.
-    bool writeLocked();
+    // Expect the file lock taken. Reads the file afresh (confirmed by the change record for a
+    // shared repository); false (logged) when its content is not known to be current.
+    bool rereadLocked(FileLock& fileLock);
+    // True when the file now holds the set.
+    bool writeLocked(FileLock& fileLock);
     void logFileError(int error) const;
 
     std::set<std::string> dirty_;
@@ -76,6 +85,7 @@ class KSDirtyFlagHandler {
     std::string lockName_;
     bool semaphoreType_ = false;
     KSStateFileCache file_;
+    KSSharedFileRecord record_;
     std::atomic<time_t> lastCheck_{0};
     std::mutex mutex_;
 };

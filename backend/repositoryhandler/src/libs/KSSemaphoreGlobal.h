@@ -36,9 +36,11 @@ class KSSemaphoreGlobal : public KSSemaphore {
     void unlock() override;
     // The token of the lock this object took; empty when it took none.
     const std::string& token() const { return token_; }
+    // The connector the lock is taken through: the given one, or one made on first use and
+    // owned. KSException when none can be made.
+    kelp::db::DBConnector* connector();
 
   private:
-    kelp::db::DBConnector* connector();
 
     kelp::db::DBConnector* connector_;
     std::unique_ptr<kelp::db::DBConnector> ownConnector_;
