@@ -414,15 +414,20 @@ bool twoServerSiteAvailable(std::string& why) {
         why = "the two-server site needs /dev/fuse";
         return false;
     }
-    for (const char* program : {"bindfs", "glusterd", "gluster", "mount.glusterfs"}) {
-        if (!programExists(program)) {
-            why = std::string(program) +
-                  " is missing: install bindfs and glusterfs-server "
-                  "(scripts/deps)";
-            return false;
-        }
+    const int code = runInChild([] { return unshare(CLONE_NEWNS | CLONE_NEWNET) == 0 ? 0 : 1; });
+    if (code != 0) {
+        why = "the two-server site needs mount and network namespaces (unshare refused them)";
+        return false;
     }
     return true;
+}
+
+std::string twoServerProgramsMissing() {
+    std::string missing;
+    for (const char* program : {"bindfs", "glusterd", "gluster", "mount.glusterfs"})
+        if (!programExists(program)) missing += std::string(missing.empty() ? "" : ", ") + program;
+    if (missing.empty()) return missing;
+    return missing + " missing: scripts/deps installs bindfs and glusterfs-server";
 }
 
 TwoServerOutcome runTwoServers(const TwoServerRun& run) {

@@ -50,6 +50,9 @@ struct TwoServerOutcome {
 
 TwoServerOutcome runTwoServers(const TwoServerRun& run);
 
-// Whether this machine can run the site: root, /dev/fuse, the bindfs and glusterd programs.
-// `why` names what is missing.
+// Whether this machine can hold the site at all: root, /dev/fuse, and mount and network
+// namespaces that a child may create. `why` names what is missing.
 bool twoServerSiteAvailable(std::string& why);
+// The programs of the site that are missing (bindfs, glusterd, gluster, mount.glusterfs),
+// with what installs them; empty when all are there.
+std::string twoServerProgramsMissing();
