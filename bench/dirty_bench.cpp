@@ -3,7 +3,10 @@
 //   cached:   isDirty within the 60-second window, against a mutex-guarded lookup in a set of
 //             the same names (the least the in-memory answer can cost: no file access at all);
 //   uncached: isDirty that checks the file first, against one stat of the same file and the
-//             same lookup.
+//             same lookup (the plain version: the bound is 1.5);
+//   shared write: setDirty on a shared repository (database lock, change record read and
+//             written), against the same on a database without the change table (the lock and
+//             the file alone), in wall time: what the record adds to a write.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -67,6 +70,51 @@ void isDirtyAgainst(benchmark::State& state, bool cached) {
     for (auto _ : state) reportRatio(state, interleavedRatio(subject, floor, options));
 }
 
+// A lock table without a change table beside it, made with the server's own client; the
+// environment's (scripts/bench) otherwise.
+const char* const kLocksWithoutRecords = "NVLOCKBENCHNOCHG";
+
+bool makeLockTableWithoutRecords() {
+    const std::string sql = std::string("CREATE TABLE IF NOT EXISTS ") + kLocksWithoutRecords +
+                            " LIKE NVLOCK; DROP TABLE IF EXISTS " + kLocksWithoutRecords + "CHG";
+    const char* user = getenv("MED_USER");
+    const char* db = getenv("DBNAME");
+    if (user == nullptr || db == nullptr) return false;
+    return system(("mysql -u '" + std::string(user) + "' '" + db + "' -e '" + sql + "'").c_str()) ==
+           0;
+}
+
+void BM_setDirtySharedWithChangeRecord(benchmark::State& state) {
+    if (!makeLockTableWithoutRecords()) {
+        state.SkipWithError("no database (run through scripts/bench)");
+        return;
+    }
+    const std::string locks = getenv("NVLOCKTBL") != nullptr ? getenv("NVLOCKTBL") : "NVLOCK";
+    DirtyRepository withRecord(10), withoutRecord(10);
+    const std::string scope = "dirty-bench-" + std::to_string(getpid());
+    KSDirtyFlagHandler recorded, unrecorded;
+    recorded.setRepository(nullptr, withRecord.path().c_str(), true, (scope + "-a").c_str());
+    unrecorded.setRepository(nullptr, withoutRecord.path().c_str(), true, (scope + "-b").c_str());
+    bool markA = true, markB = true;
+    // Every lock take makes its connector, which reads the lock table's name then.
+    auto subject = [&] {
+        setenv("NVLOCKTBL", locks.c_str(), 1);
+        recorded.setDirty(nullptr, "toggled", markA);
+        markA = !markA;
+    };
+    auto floor = [&] {
+        setenv("NVLOCKTBL", kLocksWithoutRecords, 1);
+        unrecorded.setDirty(nullptr, "toggled", markB);
+        markB = !markB;
+    };
+    InterleaveOptions options;
+    options.clock = BenchClock::Wall;
+    options.rounds = 11;
+    options.callsPerBlock = 40;
+    for (auto _ : state) reportRatio(state, interleavedRatio(subject, floor, options));
+    setenv("NVLOCKTBL", locks.c_str(), 1);
+}
+
 void BM_isDirtyCached(benchmark::State& state) {
     isDirtyAgainst(state, true);
 }
@@ -79,5 +127,6 @@ void BM_isDirtyUncached(benchmark::State& state) {
 
 BENCHMARK(BM_isDirtyCached)->Arg(10)->Arg(1000)->Iterations(1);
 BENCHMARK(BM_isDirtyUncached)->Arg(10)->Arg(1000)->Iterations(1);
+BENCHMARK(BM_setDirtySharedWithChangeRecord)->Iterations(1);
 
 RH_BENCHMARK_MAIN();

@@ -7,7 +7,10 @@
 // Thread-safe: a mutex guards the set within the process. Between processes: writers take a
 // SmartSemaphore named after the file and read the file afresh under it before they change and
 // replace it (KSStateFile: new file beside, flushed, renamed over); readers need no lock, since
-// every version they can open is complete.
+// every version they can open is complete. Between servers (a shared repository, locked through
+// the database) a writer also checks what it read against the change record kept beside the
+// lock, and records its own change before its rename (KSSharedFileRecord), so that no server
+// writes back content its file system client served from a cache.
 
 #include <atomic>
 #include <ctime>
