@@ -130,6 +130,13 @@ int runDbCheck(int argc, char** argv) {
         for (const char* variable : {"NVLOCKTBL", "SESSIONTBL", "REFCOUNTTBL", "OBJECTTBL"})
             tables.push_back(checkTable(*raw, variable, envOrNull(variable)));
         tables.push_back(checkTable(*raw, nullptr, "QueryTimeLimit"));
+        // The change records of shared dirty sets live beside the lock table.
+        if (const char* locks = envOrNull("NVLOCKTBL")) {
+            const std::string changes = std::string(locks) + "CHG";
+            TableCheck check = checkTable(*raw, nullptr, changes.c_str());
+            check.label = "change records";
+            tables.push_back(check);
+        }
         for (const TableCheck& t : tables) {
             all &= strcmp(t.state, "present") == 0;
             if (!json) printTable(t);

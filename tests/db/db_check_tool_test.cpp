@@ -40,6 +40,22 @@ TEST(DbCheckTool, reportsTheServerVersionAndEachTable) {
         << outcome.output;
 }
 
+TEST(DbCheckTool, reportsTheChangeTableBesideTheLockTable) {
+    RH_REQUIRE_DB();
+    {
+        ScopedEnv lockTable("NVLOCKTBL", "NVLOCK");
+        Outcome outcome = runDbCheck();
+        EXPECT_NE(std::string::npos, outcome.output.find("change records   NVLOCKCHG: present"))
+            << outcome.output;
+    }
+    ScopedEnv lockTable("NVLOCKTBL", "NO_SUCH_LOCKS");
+    Outcome outcome = runDbCheck();
+    EXPECT_EQ(1, outcome.exitCode) << outcome.output;
+    EXPECT_NE(std::string::npos,
+              outcome.output.find("change records   NO_SUCH_LOCKSCHG: missing"))
+        << outcome.output;
+}
+
 TEST(DbCheckTool, explainsAMissingEnvironment) {
     ScopedEnv noName("DBNAME", nullptr);
     Outcome outcome = runDbCheck();
