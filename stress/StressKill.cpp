@@ -63,7 +63,7 @@ const char* nameOf(Work work) {
 
 struct Totals {
     long long points = 0, lost = 0, corrupt = 0, duplicates = 0, lostMarks = 0, crashes = 0,
-              staleLocks = 0, leftoverLocks = 0, legacyLeft = 0, conflicts = 0;
+              staleLocks = 0, leftoverLocks = 0, legacyLeft = 0, conflicts = 0, partialCopies = 0;
 };
 
 class Scene {
@@ -169,6 +169,18 @@ class Scene {
         }
         if (exists(legacy_ + "/" + name)) found.push_back(legacy_ + "/" + name);
         return found;
+    }
+
+    // Staged copies of the resource (".rh-partial." + name beside its location) on the mounts.
+    size_t partialCopies(const std::string& name) const {
+        size_t copies = 0;
+        for (size_t m = 0; m < mounts_.count(); ++m) {
+            const std::string location = locationOn(mounts_.mount(m), name);
+            const std::string staged =
+                location.substr(0, location.rfind('/') + 1) + ".rh-partial." + name;
+            if (exists(staged)) ++copies;
+        }
+        return copies;
     }
 
     size_t mountCopies(const std::string& name) const {
@@ -291,6 +303,10 @@ void verify(const Scene& scene, Work work, const std::string& reported, bool kil
     if (!got || !WIFEXITED(status) || WEXITSTATUS(status) != 0) ++totals.crashes;
     totals.corrupt += counts[0];
     totals.conflicts += counts[1];
+    // What an interrupted copy staged is gone once the restarted process has looked everything
+    // up: a dirty resource's lookup removes it, a take-over starts its copy afresh.
+    for (const std::string& name : scene.names())
+        totals.partialCopies += static_cast<long long>(scene.partialCopies(name));
     totals.leftoverLocks += static_cast<long long>(entriesOf(scene.locks()).size());
 }
 
@@ -323,6 +339,7 @@ void addTotals(Totals& sum, const Totals& part) {
     sum.leftoverLocks += part.leftoverLocks;
     sum.legacyLeft += part.legacyLeft;
     sum.conflicts += part.conflicts;
+    sum.partialCopies += part.partialCopies;
 }
 
 // Kills one kind of work at `perKind` moments spread over its uninterrupted run.
@@ -349,15 +366,18 @@ Totals killDuring(Scene& scene, Work work, int perKind, std::mt19937& random) {
         verify(scene, work, reported, true, totals);
         if (totals.lost != before.lost || totals.corrupt != before.corrupt ||
             totals.legacyLeft != before.legacyLeft || totals.duplicates != before.duplicates ||
-            totals.lostMarks != before.lostMarks || totals.conflicts != before.conflicts) {
+            totals.lostMarks != before.lostMarks || totals.conflicts != before.conflicts ||
+            totals.partialCopies != before.partialCopies) {
             fprintf(stderr,
                     "kill during %s after %lld us of %lld us: lost %lld, corrupt %lld, "
-                    "duplicates %lld, lost marks %lld, legacy left %lld, conflicts %lld\n",
+                    "duplicates %lld, lost marks %lld, legacy left %lld, conflicts %lld, "
+                    "partial copies %lld\n",
                     nameOf(work), static_cast<long long>(delay.count()),
                     static_cast<long long>(full.count()), totals.lost - before.lost,
                     totals.corrupt - before.corrupt, totals.duplicates - before.duplicates,
                     totals.lostMarks - before.lostMarks, totals.legacyLeft - before.legacyLeft,
-                    totals.conflicts - before.conflicts);
+                    totals.conflicts - before.conflicts,
+                    totals.partialCopies - before.partialCopies);
         }
     }
     return totals;
@@ -400,7 +420,8 @@ Figures runKills(const Options& options) {
     f.add("kill lost marks", totals.lostMarks, true);
     f.add("kill crashes", totals.crashes, true);
     f.add("kill leftover locks", totals.leftoverLocks, true);
-    f.add("kill unresolved conflicts after restart", all.conflicts, false);
+    f.add("kill unresolved conflicts after restart", totals.conflicts, true);
+    f.add("kill partial copies left after restart", totals.partialCopies, true);
     f.add("kill legacy entries left beside a mount copy", all.legacyLeft, false);
     f.add("kill stale locks cleared", all.staleLocks, false);
     for (const auto& [work, part] : tolerated) {
@@ -410,6 +431,8 @@ Figures runKills(const Options& options) {
         f.add(prefix + "duplicates outside the dirty set", part.duplicates, false);
         f.add(prefix + "lost marks", part.lostMarks, false);
         f.add(prefix + "crashes", part.crashes, false);
+        f.add(prefix + "unresolved conflicts after restart", part.conflicts, false);
+        f.add(prefix + "partial copies left after restart", part.partialCopies, false);
     }
     return f;
 }

@@ -122,7 +122,8 @@ TEST(LayoutHash, onlySinglePlainComponentsAreSafeResourceNames) {
     EXPECT_TRUE(isSafeResourceName("1.2.840.113619"));
     EXPECT_TRUE(isSafeResourceName("..."));
     EXPECT_TRUE(isSafeResourceName(".hidden"));
-    for (const char* bad : {"", ".", "..", "a/b", "/a", "a/", "../etc"}) {
+    EXPECT_TRUE(isSafeResourceName(".rh-partial"));
+    for (const char* bad : {"", ".", "..", "a/b", "/a", "a/", "../etc", ".rh-partial.study1"}) {
         EXPECT_FALSE(isSafeResourceName(bad)) << bad;
     }
     EXPECT_FALSE(isSafeResourceName(nullptr));

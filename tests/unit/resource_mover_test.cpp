@@ -259,7 +259,9 @@ TEST(ResourceMover, aMergedMoveRenewsTheHashLevelsOfBothMountsWhenTheRepositoryC
                           "/repo", false),
                   0);
         EXPECT_EQ(modified(tree.path("m1/AB/CD")) > old, countSize);
-        EXPECT_EQ(modified(tree.path("m2/AB/CD/EF")) > old, countSize);
+        // Not the level holding the resource: the merge stages its copies there, which
+        // changes its time whatever the setting.
+        EXPECT_EQ(modified(tree.path("m2/AB/CD")) > old, countSize);
         EXPECT_EQ(modified(tree.path("m2/AB")) > old, countSize);
     }
 }

@@ -16,6 +16,7 @@
 #include "KSMaintenancePlan.h"
 #include "KSMountPointHandler.h"
 #include "KSNomoveHandler.h"
+#include "KSPartialCopy.h"
 #include "KSPathUtils.h"
 #include "KSRepositoryHandler.h"
 #include "KSStatus.h"
@@ -74,6 +75,7 @@ uint32_t KSMountPointHandler::getOldestResources(kelp::db::DBConnector* connecti
 
     for (const std::string& name : names) {
         if (depth == 0 && name == "lost+found") continue;
+        if (depth == kResourceDepth && isPartialCopy(name)) continue;  // a copy, not a resource
         if (nomove != nullptr && nomove->isNomove(name.c_str())) continue;
         ResourceEntry entry;
         entry.relativePath = childPath(relativeDir, name);
@@ -189,6 +191,7 @@ uint32_t KSMountPointHandler::getRandomResources(kelp::db::DBConnector* /*connec
         std::shuffle(names.begin(), names.end(), random);
         for (const std::string& name : names) {
             if (level.depth == 0 && name == "lost+found") continue;
+            if (level.depth == kResourceDepth && isPartialCopy(name)) continue;
             if (nomove != nullptr && nomove->isNomove(name.c_str())) continue;
             ResourceEntry entry;
             entry.relativePath = childPath(level.relativeDir, name);

@@ -5,6 +5,7 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
+#include <exception>
 #include <list>
 #include <string>
 #include <vector>
@@ -14,8 +15,11 @@
 #include "KSLogger.h"
 #include "KSMaintenancePlan.h"
 #include "KSMountPointHandler.h"
+#include "KSPartialCopy.h"
 #include "KSPathUtils.h"
 #include "KSRepositoryHandler.h"
+#include "KSPlacementSupport.h"
+#include "SmartSemaphore.h"
 
 namespace {
 
@@ -98,6 +102,23 @@ class AgeTally {
     unsigned sampled_ = 0;
 };
 
+// A staged copy that an interrupted move or legacy take-over left (KSPartialCopy.h) is removed
+// when its resource's lock can be had at once; a copy still in progress holds that lock, and a
+// lock that is busy leaves the entry for a later pass.
+void discardLeftoverCopy(KSRepositoryHandler& repository, kelp::db::DBConnector* connection,
+                         const std::string& path, const std::string& name) {
+    const std::string resource = resourceOfPartialCopy(name);
+    if (resource.empty()) return;
+    const std::string id = resourceLockId(repository, resource.c_str());
+    SmartSemaphore semaphore(repository.isShared(), id.c_str(), connection);
+    try {
+        if (semaphore.semaphore() == nullptr || !semaphore.semaphore()->lockResource()) return;
+    } catch (const std::exception&) {
+        return;  // the lock table is away: a later pass
+    }
+    discardPartialCopy(path);
+}
+
 }  // namespace
 
 // Walk order: the hash directories in byte order, starting at `resumeHash` and wrapping round
@@ -142,6 +163,10 @@ int KSMountPointHandler::moveResourcesNewInner(kelp::db::DBConnector* connection
             if (checkoverloadStopped) {
                 resumeHash = hash;
                 return finish(3);
+            }
+            if (isPartialCopy(name)) {
+                discardLeftoverCopy(*repository_, connection, path_ + "/" + hash + "/" + name, name);
+                continue;
             }
             ResourceEntry entry;
             entry.name = name;

@@ -15,6 +15,7 @@
 #include "KSClock.h"
 #include "KSHashLevelLock.h"
 #include "KSLogger.h"
+#include "KSPartialCopy.h"
 #include "repohandler.h"
 
 namespace {
@@ -226,6 +227,8 @@ std::string resourceLocation(const std::string& mountPath, const char* resource)
 bool isSafeResourceName(const char* resource) {
     if (resource == nullptr || resource[0] == '\0') return false;
     if (strcmp(resource, ".") == 0 || strcmp(resource, "..") == 0) return false;
+    // The staging names of copies in progress (KSPartialCopy.h) are never resources.
+    if (isPartialCopy(resource)) return false;
     return strchr(resource, '/') == nullptr;
 }
 

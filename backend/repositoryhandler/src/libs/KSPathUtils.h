@@ -25,7 +25,7 @@ char* toResourceID(const char* repository, const char* resource);
 // The location of `resource` on the mount at `mountPath` (no trailing slash).
 std::string resourceLocation(const std::string& mountPath, const char* resource);
 // A single path component that is safe to place on a mount: not empty, not "." or "..",
-// no slash, no NUL. Names failing this are refused by every operation.
+// no slash, no NUL, not beginning with ".rh-partial." (the staging names of KSPartialCopy.h). Names failing this are refused by every operation.
 bool isSafeResourceName(const char* resource);
 // The strerror text of `error` (thread-safe).
 std::string errnoText(int error);

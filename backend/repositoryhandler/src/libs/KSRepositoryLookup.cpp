@@ -16,6 +16,7 @@
 #include "KSAssertionException.h"
 #include "KSLegacyLinks.h"
 #include "KSLogger.h"
+#include "KSPartialCopy.h"
 #include "KSPathUtils.h"
 #include "KSPlacementSupport.h"
 #include "KSRepositoryHandler.h"
@@ -151,6 +152,13 @@ bool searchMounts(Lookup& lookup, bool* erroneous) {
         int mountFlags = 0;
         std::unique_ptr<char[]> found(
             mount->getLocation(lookup.resource, &mountStatus, &mountFlags, lookup.touch, true));
+        // A dirty resource may be in the middle of an interrupted move: a staged copy that never
+        // got renamed into place is incomplete by construction, and the lock is held here.
+        if (lookup.dirty && !(mountFlags & MOUNT_DEAD)) {
+            const std::string location = resourceLocation(mount->path(), lookup.resource);
+            if (discardPartialCopy(partialCopyPath(location)) && !found)
+                clearEmptyHash(location.c_str());
+        }
         if (mountStatus & RESOURCE_STATUS_ERRONEOUS) {
             *erroneous = true;
             return false;
@@ -380,7 +388,8 @@ void collectMountResources(const std::string& mountPath, int kind, std::set<std:
                 std::list<std::string> names;
                 listDir(abc.c_str(), &names, false, false);
                 for (const std::string& name : names)
-                    if (isDirectoryEntry(abc + "/" + name) == (kind == 1)) out.insert(name);
+                    if (!isPartialCopy(name) && isDirectoryEntry(abc + "/" + name) == (kind == 1))
+                        out.insert(name);
             }
         }
     }

@@ -13,6 +13,7 @@
 
 #include "KSLegacyLinks.h"
 #include "KSLogger.h"
+#include "KSPartialCopy.h"
 #include "KSPathUtils.h"
 #include "KSPlacementSupport.h"
 #include "KSRepositoryHandler.h"
@@ -157,6 +158,9 @@ int KSRepositoryHandler::removeResource(kelp::db::DBConnector* connection, const
     if (mounts_.empty() && !hasLegacy) return RESOURCE_STATUS_MISSING;
     Removal removal;
     for (auto& mount : mounts_) {
+        // What an interrupted copy left goes with the resource (first, so that the removal can
+        // clear the hash levels it leaves empty).
+        discardPartialCopy(partialCopyPath(resourceLocation(mount->path(), name.c_str())));
         int result = mount->removeResource(name.c_str(), useCallback);
         if (!(result & RESOURCE_STATUS_MISSING)) removal.add(result);
     }

@@ -1,5 +1,6 @@
 #include "KSResourceMover.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
@@ -13,6 +14,7 @@
 
 #include "KSAssertionException.h"
 #include "KSLogger.h"
+#include "KSPartialCopy.h"
 #include "KSPathUtils.h"
 #include "KSRepositoryHandler.h"
 #include "ShellCommand.h"
@@ -20,6 +22,20 @@
 namespace {
 
 const char kAssertFile[] = "backend/repositoryhandler/src/libs/KSRepositoryHandler";
+
+// What every step of one move shares: the copy to use, the names for the log and the callback,
+// and the staging path of every first copy the move makes (see KSPartialCopy.h).
+struct MoveContext {
+    KSRepositoryHandler* repository;
+    KSMoveFunction copy;
+    const char* copyParams;
+    const char* shortName;
+    const char* repositoryName;
+    bool verbose;
+    std::string staging;
+};
+
+int moveEntry(const MoveContext& move, const char* origin, const char* destination);
 
 const char* orNull(const char* text) {
     return text == nullptr ? "(null)" : text;
@@ -79,17 +95,14 @@ int moveOntoExistingFile(const char* origin, const char* destination, bool verbo
 }
 
 // Destination exists and origin is a directory: move entry by entry, then drop the origin.
-int moveIntoExistingDirectory(KSRepositoryHandler* repository, const char* origin,
-                              const char* destination, KSMoveFunction copy, const char* copyParams,
-                              const char* shortName, const char* repositoryName, bool verbose) {
+int moveIntoExistingDirectory(const MoveContext& move, const char* origin,
+                              const char* destination) {
     std::list<std::string> entries;
     listDir(origin, &entries, true, false);
     const std::string from = std::string(origin) + "/";
     const std::string to = std::string(destination) + "/";
     for (const std::string& entry : entries) {
-        // Only the top level reports to the study callback.
-        const int result = moveRes(repository, (from + entry).c_str(), (to + entry).c_str(), copy,
-                                   copyParams, "", shortName, repositoryName, verbose);
+        const int result = moveEntry(move, (from + entry).c_str(), (to + entry).c_str());
         if (result != 0) return result;
     }
     if (rmdir(origin) != 0) {
@@ -118,22 +131,36 @@ FirstCopy failedCommand(int status, const ShellCommand& command, const char* wha
     return {status, std::string(what) + " " + ShellCommand::describeStatus(status)};
 }
 
-// Copies with cp; a failed copy is removed again unless something stood at the destination
-// before (then it is not a first copy).
-FirstCopy copyWithCp(const char* origin, const char* destination) {
-    const bool existed = isPresent(destination);
+// Copies with cp into the staging path. A failed copy is removed again: typically the target
+// filled up; the origin is complete and untouched.
+FirstCopy copyWithCp(const char* origin, const std::string& staging) {
     ShellCommand command("cp -rp '");
-    command.insideSingleQuotes(origin).raw("' '").insideSingleQuotes(destination).raw("'");
+    command.insideSingleQuotes(origin).raw("' '").insideSingleQuotes(staging).raw("'");
     const int copied = command.run();
     if (copied == 0) return {};
-    // Typically the target filled up. The origin is complete and untouched; a half copy left
-    // here would be merged file by file by every later lookup and block the resource's removal.
-    if (!existed) removeTree(destination);
+    discardPartialCopy(staging);
     return failedCommand(copied, command, "cp -rp");
 }
 
+// Puts the complete copy in place. RENAME_NOREPLACE: an entry that appeared at the destination
+// meanwhile is never replaced (file systems without the flag get a plain rename after a check,
+// which the resource's lock makes safe).
+bool renameIntoPlace(const std::string& staging, const char* destination) {
+    if (renameat2(AT_FDCWD, staging.c_str(), AT_FDCWD, destination, RENAME_NOREPLACE) == 0)
+        return true;
+    if (errno != EINVAL && errno != ENOSYS) return false;
+    if (isPresent(destination)) {
+        errno = EEXIST;
+        return false;
+    }
+    return rename(staging.c_str(), destination) == 0;
+}
+
+// The first copy: into the staging path, compared, renamed into place, and only then is the
+// origin removed. A process killed at any moment leaves the origin complete, or the destination
+// complete, or both; never a half copy at the destination.
 FirstCopy firstCopy(const char* origin, const char* destination, KSMoveFunction copy,
-                    const char* copyParams) {
+                    const char* copyParams, const std::string& staging) {
     std::unique_ptr<char[]> parent(baseDir(destination));
     if (!parent) return {-1, "the destination has no parent directory"};
     if (mkdirs(parent.get(), 0755) != 0) {
@@ -146,26 +173,35 @@ FirstCopy firstCopy(const char* origin, const char* destination, KSMoveFunction 
         if (result == 0) return {};
         return {result, "the copy plug-in returned " + std::to_string(result)};
     }
-    FirstCopy copied = copyWithCp(origin, destination);
+    // Left by a copy that was interrupted; the caller holds the resource's lock.
+    discardPartialCopy(staging);
+    FirstCopy copied = copyWithCp(origin, staging);
     if (copied.result != 0) return copied;
     ShellCommand compare("diff -q -r '");
-    compare.insideSingleQuotes(origin).raw("' '").insideSingleQuotes(destination).raw("'");
+    compare.insideSingleQuotes(origin).raw("' '").insideSingleQuotes(staging).raw("'");
     const int compared = compare.run();
     if (compared != 0) {
         // The copy is wrong: it goes, the origin stays.
-        removeTree(destination);
+        discardPartialCopy(staging);
         FirstCopy failed = failedCommand(compared, compare, "diff -q -r");
         failed.why = "the copy differs from the origin: " + failed.why;
         return failed;
+    }
+    if (!renameIntoPlace(staging, destination)) {
+        const int error = errno;
+        discardPartialCopy(staging);
+        return {RESOURCE_STATUS_ERRONEOUS,
+                "the complete copy could not be renamed into place: " + errnoText(error)};
     }
     removeTree(origin);
     return {};
 }
 
 // Destination missing: the first copy, which keeps the origin's times.
-int moveToFreshDestination(const char* origin, const char* destination, KSMoveFunction copy,
-                           const char* copyParams, const struct stat& kept) {
-    const FirstCopy copied = firstCopy(origin, destination, copy, copyParams);
+int moveToFreshDestination(const MoveContext& move, const char* origin, const char* destination,
+                           const struct stat& kept) {
+    const FirstCopy copied =
+        firstCopy(origin, destination, move.copy, move.copyParams, move.staging);
     if (copied.result != 0) {
         rh_logger.errorLog(
             "The resource \"%s\" could not be renamed to \"%s\". Error code is %d - %s", origin,
@@ -177,34 +213,29 @@ int moveToFreshDestination(const char* origin, const char* destination, KSMoveFu
 }
 
 // Destination present: a file is compared, a directory merged entry by entry.
-int moveOntoExisting(KSRepositoryHandler* repository, const char* origin, const char* destination,
-                     KSMoveFunction copy, const char* copyParams, const char* shortName,
-                     const char* repositoryName, bool verbose, const struct stat& kept) {
+int moveOntoExisting(const MoveContext& move, const char* origin, const char* destination,
+                     const struct stat& kept) {
     bool isDirectory = false;
     if (isDir(origin, &isDirectory, nullptr) != 0) {
-        if (verbose) printf("Could not stat %s\n", origin);
+        if (move.verbose) printf("Could not stat %s\n", origin);
         return RESOURCE_STATUS_ERRONEOUS;
     }
     // A link is compared and dropped like a file: merging through it would move what it points
     // at, which lies outside the resource.
     if (!isDirectory || isSymlink(origin))
-        return moveOntoExistingFile(origin, destination, verbose);
-    const int result = moveIntoExistingDirectory(repository, origin, destination, copy, copyParams,
-                                                 shortName, repositoryName, verbose);
+        return moveOntoExistingFile(origin, destination, move.verbose);
+    const int result = moveIntoExistingDirectory(move, origin, destination);
     if (result != 0) return result;
     restoreTimes(destination, kept);
-    if (repository != nullptr && repository->settings().countSize) {
+    if (move.repository != nullptr && move.repository->settings().countSize) {
         touchHashedDirs(origin);
         touchHashedDirs(destination);
     }
     return 0;
 }
 
-}  // namespace
-
-int moveRes(KSRepositoryHandler* repository, const char* origin, const char* destination,
-            KSMoveFunction copy, const char* copyParams, const char* callback,
-            const char* shortName, const char* repositoryName, bool verbose) {
+// One step of a move; only the top level reports to the study callback (moveRes).
+int moveEntry(const MoveContext& move, const char* origin, const char* destination) {
     if (origin == nullptr || access(origin, F_OK) != 0) {
         throw KSAssertionException("access( origin, F_OK ) == 0", __LINE__, kAssertFile);
     }
@@ -216,10 +247,23 @@ int moveRes(KSRepositoryHandler* repository, const char* origin, const char* des
                            origin, destination);
         return 0;
     }
-    const int result = exists(destination)
-                           ? moveOntoExisting(repository, origin, destination, copy, copyParams,
-                                              shortName, repositoryName, verbose, kept)
-                           : moveToFreshDestination(origin, destination, copy, copyParams, kept);
+    return exists(destination) ? moveOntoExisting(move, origin, destination, kept)
+                               : moveToFreshDestination(move, origin, destination, kept);
+}
+
+}  // namespace
+
+int moveRes(KSRepositoryHandler* repository, const char* origin, const char* destination,
+            KSMoveFunction copy, const char* copyParams, const char* callback,
+            const char* shortName, const char* repositoryName, bool verbose) {
+    const MoveContext move{repository,
+                           copy,
+                           copyParams,
+                           shortName,
+                           repositoryName,
+                           verbose,
+                           destination != nullptr ? partialCopyPath(destination) : std::string()};
+    const int result = moveEntry(move, origin, destination);
     if (result != 0) return result;
     if (hasCallback(callback)) {
         moveCallback(callback, destination, shortName, repositoryName, origin);
@@ -230,7 +274,8 @@ int moveRes(KSRepositoryHandler* repository, const char* origin, const char* des
 int mountRename(const char* origin, const char* destination, KSMoveFunction copy,
                 const char* copyParams) {
     KS_ASSERT_NOT_NULL(origin, kAssertFile);
-    return firstCopy(origin, destination, copy, copyParams).result;
+    if (destination == nullptr) return -1;
+    return firstCopy(origin, destination, copy, copyParams, partialCopyPath(destination)).result;
 }
 
 void moveCallback(const char* callback, const char* destination, const char* shortName,

@@ -1,7 +1,10 @@
 #pragma once
 
 // Moving one resource between mounts without ever losing the only copy: the origin goes only
-// after a verified copy, or after every entry of a directory has been moved.
+// after a verified copy, or after every entry of a directory has been moved. Every first copy
+// (of the resource, or of an entry a merge destination lacks) is made under the staging path of
+// the top-level destination and renamed into place once complete (KSPartialCopy.h), so a
+// process killed during a copy never leaves a half copy at a destination.
 
 #include "KSMountPointHandler.h"
 
@@ -15,10 +18,12 @@ class KSRepositoryHandler;
 int moveRes(KSRepositoryHandler* repository, const char* origin, const char* destination,
             KSMoveFunction copy, const char* copyParams, const char* callback,
             const char* shortName, const char* repositoryName, bool verbose);
-// First copy onto a mount where the resource does not exist yet: copy, compare, remove.
-// A null origin throws KSAssertionException; a destination without a parent gives -1.
-// A failed cp leaves no copy behind when nothing stood at the destination before (the origin is
-// untouched); a plug-in's failure is left as the plug-in leaves it. A caller that copies into a
+// First copy onto a mount where the resource does not exist yet: copy to
+// partialCopyPath(destination), compare, rename into place, remove the origin. A null origin
+// throws KSAssertionException; a null destination or one without a parent gives -1. A failed
+// cp or compare removes the staged copy (the origin is untouched), a rename that fails (an entry
+// appeared at the destination) too, with 8. A copy plug-in copies straight to the destination
+// and its failure is left as the plug-in leaves it. A caller that copies into a
 // hash level reserves it first (prepareHashLevels), so that no clean-up removes it meanwhile.
 int mountRename(const char* origin, const char* destination, KSMoveFunction copy,
                 const char* copyParams);
