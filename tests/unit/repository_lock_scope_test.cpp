@@ -13,6 +13,7 @@
 #include "ChildProcess.h"
 #include "ClockControl.h"
 #include "KSClock.h"
+#include "KSException.h"
 #include "KSRepositoryHandler.h"
 #include "ScopedEnv.h"
 #include "ScratchRepository.h"
@@ -93,7 +94,8 @@ TEST_F(RepositoryLockScopeTest, theDirtyFileAndTheMaintenanceLockFollowTheReposi
     KSClock::setVirtualSleepForTesting(true);
     SyslogCapture syslog;
     holdLock("KSRepositoryHandler-site-archive.1_.dirty-");
-    setDirty_(there(), "1.2.3", true, nullptr);
+    EXPECT_THROW(setDirty_(there(), "1.2.3", true, nullptr), KSException)
+        << "the caller is told that the mark did not reach the file";
     EXPECT_TRUE(syslog.findContaining("The dirty mechanism \"" + repo_.path() +
                                       "/.dirty\" could not be locked."))
         << "the other server's hold on the dirty file's lock must stop this write";

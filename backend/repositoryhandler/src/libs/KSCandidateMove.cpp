@@ -144,7 +144,11 @@ CandidateMoveResult moveCandidate(KSRepositoryHandler& repository, const Candida
                       entry.name.c_str());
     logMove(repository, how, entry, destination);
     // Marked before the first byte is copied; see the header.
-    if (!wasDirty) dirty.setDirty(how.connection, entry.name.c_str(), true);
+    // A mark that did not reach the file protects nothing: the resource stays where it is.
+    if (!wasDirty && !dirty.setDirty(how.connection, entry.name.c_str(), true)) {
+        clearEmptyHash(destination.c_str());
+        return CandidateMoveResult::Refused;
+    }
     const unsigned long long bytes = resourceBytes(entry.path);
 
     int result;

@@ -2,19 +2,24 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
 
 #include "KSAssertionException.h"
 #include "KSClock.h"
+#include "KSException.h"
 #include "KSLogger.h"
 #include "DBConnector.h"
 #include "KSPathUtils.h"
 #include "KSSemaphoreGlobal.h"
 #include "KSStateFile.h"
+#include "KSTimeoutException.h"
 #include "SmartSemaphore.h"
 
 namespace {
@@ -22,6 +27,8 @@ namespace {
 const char* const kSourceFile = "backend/repositoryhandler/src/libs/KSDirtyFlagHandler";
 constexpr time_t kCacheWindowSeconds = 60;
 constexpr size_t kLinePiece = 1023;  // characters of one name piece, as a 1024-byte line buffer
+constexpr long kLockBudgetMs = 30000;
+constexpr long kAwayRetryMs = 250;
 
 // The file's content as a set: one name a line, a final line feed removed from each. A line
 // longer than kLinePiece characters counts as several names of kLinePiece characters and a
@@ -62,8 +69,37 @@ class KSDirtyFlagHandler::FileLock {
           global_(global),
           semaphore_(global, id_.get(), connection) {}
 
+    // Waits up to 30 seconds, as for any lock. A lock table that cannot be reached (its server
+    // restarting or failing over) is waited for within the same time, like a busy lock: a
+    // change that misses the file is a change other processes do not see.
     bool take() {
-        if (semaphore_.lock()) return true;
+        KSSemaphore* semaphore = semaphore_.semaphore();
+        const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::milliseconds(kLockBudgetMs);
+        for (long away = 0; semaphore != nullptr && away < kLockBudgetMs; away += kAwayRetryMs) {
+            const long left =
+                static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                      deadline - std::chrono::steady_clock::now())
+                                      .count());
+            try {
+                if (semaphore->lock_ms(std::max(1L, left), 10, 1.5, 1000, 0.4)) return true;
+                break;
+            } catch (const KSTimeoutException&) {
+                break;
+            } catch (const KSException& e) {
+                // A lock file that cannot be made (KSIOException) does not get better by waiting.
+                rh_logger.errorLog("SmartSemaphore.lock() : KSException caught: '%s' (%d)",
+                                   e.getMessage().c_str(), e.getCode());
+                break;
+            } catch (const std::exception& e) {  // the database, e.g. kelp::db::DBException
+                if (left <= kAwayRetryMs) {
+                    rh_logger.errorLog("SmartSemaphore.lock() : std::exception caught: '%s'",
+                                       e.what());
+                    break;
+                }
+                KSClock::sleepMillis(kAwayRetryMs);
+            }
+        }
         rh_logger.errorLog("The dirty mechanism \"%s\" could not be locked.", filePath_.c_str());
         return false;
     }
@@ -110,7 +146,7 @@ bool KSDirtyFlagHandler::isDirty(kelp::db::DBConnector* /*connection*/, const ch
 // The first look at the membership uses the copy checked just before (a change that changes
 // nothing needs no lock). The decision to write is made again under the file lock on content
 // read afresh, and the change is applied to that, never to this process's older copy.
-void KSDirtyFlagHandler::setDirty(kelp::db::DBConnector* connection, const char* resource,
+bool KSDirtyFlagHandler::setDirty(kelp::db::DBConnector* connection, const char* resource,
                                   bool dirty) {
     if (resource == nullptr) throw KSAssertionException("resource", __LINE__, kSourceFile);
     if (strchr(resource, '\n') != nullptr) {
@@ -118,30 +154,42 @@ void KSDirtyFlagHandler::setDirty(kelp::db::DBConnector* connection, const char*
             "The resource name \"%s\" contains a line feed; its dirty flag is not "
             "changed.",
             resource);
-        return;
+        return false;
     }
     std::lock_guard<std::mutex> guard(mutex_);
     refreshLocked();
-    if ((dirty_.count(resource) != 0) == dirty) return;
+    // A change still waiting for the file is written now, even when this one changes nothing.
+    if ((dirty_.count(resource) != 0) == dirty && unwritten_.empty()) return true;
     unwritten_[resource] = dirty;
 
     FileLock fileLock(semaphoreType_, filePath_, lockName_, connection);
     if (!fileLock.take()) {
-        rebuildLocked();
-        return;
+        keepOnlyMarksLocked();
+        return false;
     }
     // Writing over a file that could not be read, or over content that may be stale, would
     // drop whatever it holds.
     if (!rereadLocked(fileLock)) {
-        rebuildLocked();
-        return;
+        keepOnlyMarksLocked();
+        return false;
     }
     rebuildLocked();
     if (formatNames(dirty_) == file_.content() && (file_.exists() || dirty_.empty())) {
         unwritten_.clear();
-        return;
+        return true;
     }
-    writeLocked(fileLock);
+    if (writeLocked(fileLock)) return true;
+    keepOnlyMarksLocked();
+    return false;
+}
+
+// A mark that could not be written is kept and goes out with this process's next write: a late
+// mark only costs a search of every mount. A clear is dropped: written late it could erase a
+// mark that another process set meanwhile to protect a move.
+void KSDirtyFlagHandler::keepOnlyMarksLocked() {
+    for (auto it = unwritten_.begin(); it != unwritten_.end();)
+        it = it->second ? std::next(it) : unwritten_.erase(it);
+    rebuildLocked();
 }
 
 void KSDirtyFlagHandler::clearDirtySet(kelp::db::DBConnector* connection) {

@@ -43,13 +43,16 @@ class KSDirtyFlagHandler {
     // With `cached`, a file checked within the last 60 seconds is not looked at again.
     // A null resource throws KSAssertionException.
     bool isDirty(kelp::db::DBConnector* connection, const char* resource, bool cached);
-    // Writes the file only when the membership changes. Under the file lock the file is read
-    // again in full first, so every entry another process wrote is kept. A null resource throws
+    // Writes the file only when the membership changes (or a mark of an earlier call is still
+    // unwritten). Under the file lock the file is read again in full first, so every entry
+    // another process wrote is kept. True when the file holds the change. A null resource throws
     // KSAssertionException; a name with a line feed (which the one-name-a-line file cannot hold)
-    // is refused with an error log line. When the file lock cannot be taken or the file cannot
-    // be written (a full file system), both logged, the change stays in this process's memory
-    // and is written with its next successful write.
-    void setDirty(kelp::db::DBConnector* connection, const char* resource, bool dirty);
+    // is refused with an error log line (false). The file lock waits through a database that
+    // is away for up to its 30 seconds. When the lock cannot be taken or the file cannot be
+    // written (a full file system), both logged, the answer is false: a mark then stays in this
+    // process's memory and is written with its next successful write; a clear is dropped (the
+    // resource stays dirty, which only costs a search of every mount).
+    bool setDirty(kelp::db::DBConnector* connection, const char* resource, bool dirty);
     // Empties the set and writes the empty file (created if it was missing).
     void clearDirtySet(kelp::db::DBConnector* connection);
     // Reads the file again when this process's copy may be stale (KSStateFileCache decides); a
@@ -79,6 +82,8 @@ class KSDirtyFlagHandler {
     bool rereadLocked(FileLock& fileLock);
     // True when the file now holds the set.
     bool writeLocked(FileLock& fileLock);
+    // After a failed write: forgets the unwritten clears, keeps the marks.
+    void keepOnlyMarksLocked();
     void logFileError(int error) const;
 
     std::set<std::string> dirty_;

@@ -266,9 +266,10 @@ public:
     // 1 when the resource is in the dirty set as the .dirty file holds it now, else 0 (also for
     // the empty name, refused and logged).
     int isDirty(kelp::db::DBConnector* connection, const char* resource);
-    // Adds the resource to the dirty set or removes it (see KSDirtyFlagHandler::setDirty). The
-    // empty name is refused (logged) and changes nothing.
-    void setDirty(kelp::db::DBConnector* connection, const char* resource, bool dirty);
+    // Adds the resource to the dirty set or removes it (see KSDirtyFlagHandler::setDirty).
+    // False when the change could not be written to the .dirty file. The empty name is refused
+    // (logged), changes nothing and answers true.
+    bool setDirty(kelp::db::DBConnector* connection, const char* resource, bool dirty);
 
     // ---- capacity management --------------------------------------------------------------
 

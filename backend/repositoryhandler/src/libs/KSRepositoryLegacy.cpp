@@ -14,6 +14,7 @@
 
 #include "KSLegacyLinks.h"
 #include "KSLogger.h"
+#include "KSPartialCopy.h"
 #include "KSPathUtils.h"
 #include "KSPlacementSupport.h"
 #include "KSRepositoryHandler.h"
@@ -150,6 +151,9 @@ char* KSRepositoryHandler::takeOverFromLegacy(const char* resource, int* status,
         *status = RESOURCE_STATUS_FOUND;
         return newText(source);
     }
+    // A take-over interrupted before may have staged its copy on another mount than this one.
+    for (const auto& other : mounts_)
+        discardPartialCopy(partialCopyPath(resourceLocation(other->path(), resource)));
     KSMountPointHandler& mount = *mounts_[index];
     int createStatus = 0;
     std::unique_ptr<char[]> location(mount.createLocation(resource, &createStatus, false));

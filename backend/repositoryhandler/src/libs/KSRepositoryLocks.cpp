@@ -51,8 +51,8 @@ int KSRepositoryHandler::isDirty(kelp::db::DBConnector* connection, const char* 
     return dirtyFlags_.isDirty(connection, resource, false) ? 1 : 0;
 }
 
-void KSRepositoryHandler::setDirty(kelp::db::DBConnector* connection, const char* resource,
+bool KSRepositoryHandler::setDirty(kelp::db::DBConnector* connection, const char* resource,
                                    bool dirty) {
-    if (refuseEmptyName(resource, "setDirty")) return;
-    dirtyFlags_.setDirty(connection, resource, dirty);
+    if (refuseEmptyName(resource, "setDirty")) return true;
+    return dirtyFlags_.setDirty(connection, resource, dirty);
 }

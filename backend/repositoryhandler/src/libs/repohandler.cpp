@@ -5,7 +5,9 @@
 
 #include <string>
 
+#include "KSException.h"
 #include "KSRepositoryHandler.h"
+#include "KSStatus.h"
 #include "KSRepositoryPin.h"
 
 int getRepositoryStatus_(const char* repository, DBConnector* db) {
@@ -184,5 +186,9 @@ int isDirty_(const char* repository, const char* resource, DBConnector* db) {
 
 void setDirty_(const char* repository, const char* resource, bool dirty, DBConnector* db) {
     KSRepositoryPin repo(db, repository, true);
-    repo->setDirty(repo->getDbConnector(db), resource, dirty);
+    // A caller told nothing would take a mark that other processes cannot see for made.
+    if (!repo->setDirty(repo->getDbConnector(db), resource, dirty))
+        throw KSException(RESOURCE_STATUS_ERRONEOUS,
+                          std::string("The dirty flag of \"") + (resource ? resource : "") +
+                              "\" could not be written to the .dirty file");
 }

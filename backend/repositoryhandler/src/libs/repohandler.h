@@ -92,6 +92,9 @@ RH_EXPORT bool setTimeProperties_(const char* repository, const char* resource,
 RH_EXPORT int lockResource_(const char* repository, const char* resource, DBConnector* db);
 RH_EXPORT int unlockResource_(const char* repository, const char* resource, DBConnector* db);
 RH_EXPORT int isDirty_(const char* repository, const char* resource, DBConnector* db);
+// Throws KSException (code 8) when the change could not be written to the .dirty file (its lock
+// not had within 30 seconds, a full file system): other processes do not see it. A mark is
+// then still written with this process's next successful change; a clear is not.
 RH_EXPORT void setDirty_(const char* repository, const char* resource, bool dirty, DBConnector* db);
 // The mount path on which the resource `directory` lies (the information callback is asked
 // first when configured), or null.
