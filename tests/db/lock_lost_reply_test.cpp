@@ -169,6 +169,30 @@ TEST_F(LostLockReply, lostReplyOfAReleaseStillReportsTheLockGivenBack) {
     EXPECT_FALSE(connector->lockDB()->releaseLockOf(lockId_, "me")) << "nothing left to give back";
 }
 
+// Every reply to the insert lost, the repetitions too: the caller is told the lock failed while
+// the server holds a row with the take's token. The process deletes it at its next lock.
+TEST_F(LostLockReply, aTakeThatEndedInAnErrorLeavesNoRowOnceTheLockTableAnswersAgain) {
+    ClockGuard clock;
+    KSClock::setVirtualSleepForTesting(true);
+    auto connector = proxiedConnector();
+    proxy_->dropNext(kInsert, 1000);
+    {
+        KSSemaphoreGlobal failed(lockId_, connector.get());
+        EXPECT_ANY_THROW(failed.lockResource());
+    }
+    EXPECT_GE(proxy_->dropped(), 1);
+    ASSERT_EQ(1u, rowsOf(lockId_).size()) << "the server ran the insert";
+
+    proxy_->dropNext(kInsert, 0);
+    const std::string next = lockId_ + "-next";
+    KSSemaphoreGlobal other(next, connector.get());
+    ASSERT_TRUE(other.lockResource());
+    EXPECT_TRUE(rowsOf(lockId_).empty()) << "the row nobody holds is gone";
+    EXPECT_EQ(1u, rowsOf(next).size()) << "the new lock is held";
+    other.unlock();
+    EXPECT_TRUE(rowsOf(next).empty());
+}
+
 namespace {
 
 // A shared repository under a deep path, so that its lock ids are longer than any key column.

@@ -4,6 +4,7 @@
 
 #include "DBConnector.h"
 #include "KSException.h"
+#include "KSLockReleaseQueue.h"
 #include "KSLockToken.h"
 #include "LockDB.h"
 
@@ -26,9 +27,23 @@ KSSemaphoreGlobal::~KSSemaphoreGlobal() {
 // insert itself is the atomic test-and-set; a busy lock answers false at once. Each attempt
 // carries a fresh token: a statement of an earlier take that the server runs late can never
 // match this take's row.
+//
+// An insert that ends in an error may still have been run by the server (its reply lost, the
+// repetition finding the server away): the caller is told "not locked", so its row, if any, is
+// nobody's and goes onto the release list (KSLockReleaseQueue), as does the row of a release
+// that failed. The list is worked off whenever the lock table answers again.
 bool KSSemaphoreGlobal::lockResource() {
+    kelp::db::DBConnector* db = connector();
+    KSLockReleaseQueue::flush(db);
     std::string token = KSLockToken::next();
-    locked_ = connector()->lockDB()->lockFirstTime(name_, name_, token, 0);
+    try {
+        locked_ = db->lockDB()->lockFirstTime(name_, name_, token, 0);
+    } catch (...) {
+        locked_ = false;
+        token_.clear();
+        KSLockReleaseQueue::add(name_, token);
+        throw;
+    }
     token_ = locked_ ? token : std::string();
     return locked_;
 }
@@ -38,10 +53,17 @@ void KSSemaphoreGlobal::unlock() {
     locked_ = false;
     std::string token;
     token.swap(token_);
-    if (token.empty())
+    if (token.empty()) {
         connector()->lockDB()->releaseLock(name_);
-    else
+        return;
+    }
+    try {
         connector()->lockDB()->releaseLockOf(name_, token);
+    } catch (...) {
+        KSLockReleaseQueue::add(name_, token);
+        throw;
+    }
+    KSLockReleaseQueue::flush(connector());
 }
 
 // An explicit unlock marks a fresh object as holding a lock that another took, so releasing

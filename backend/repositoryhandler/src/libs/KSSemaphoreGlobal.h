@@ -7,7 +7,9 @@
 // The connector repeats a statement whose connection was lost, and the server may have run the
 // first one: the token makes both statements safe to repeat. A repeated insert that meets a row
 // with this token has taken the lock; a release deletes only the row with this token, so a
-// repetition cannot remove a lock that another process took meanwhile.
+// repetition cannot remove a lock that another process took meanwhile. A take whose insert
+// failed with an error, and a release that failed, leave their token to KSLockReleaseQueue,
+// which deletes the row once the lock table answers again.
 
 #include <memory>
 #include <string>
