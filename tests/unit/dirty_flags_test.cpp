@@ -127,6 +127,29 @@ TEST_F(DirtyFlagsTest, lockedFileKeepsTheChangeInMemoryOnlyAndSaysSo) {
     EXPECT_TRUE(fs::exists(fileLockPath())) << "somebody else's lock is left alone";
 }
 
+// A change that missed the file is reported. Called again, a mark is written even though this
+// process already counts it as set; a clear that missed the file is not written later, where it
+// could erase a mark another process set meanwhile.
+TEST_F(DirtyFlagsTest, aChangeThatMissedTheFileIsReportedAndOnlyMarksAreWrittenLater) {
+    ClockGuard clock;
+    KSClock::setVirtualSleepForTesting(true);
+    KSDirtyFlagHandler flags;
+    flags.setRepository(nullptr, repository_.c_str(), false);
+    ASSERT_TRUE(flags.setDirty(nullptr, "a", true));
+    close(open(fileLockPath().c_str(), O_CREAT | O_EXCL | O_RDONLY, 0600));
+    {
+        SyslogCapture syslog;
+        EXPECT_FALSE(flags.setDirty(nullptr, "b", true));
+        EXPECT_FALSE(flags.setDirty(nullptr, "a", false));
+    }
+    EXPECT_EQ("a\n", readFile());
+    EXPECT_EQ((std::set<std::string>{"a", "b"}), flags.snapshot()) << "the clear is dropped";
+
+    unlink(fileLockPath().c_str());
+    EXPECT_TRUE(flags.setDirty(nullptr, "b", true)) << "the waiting mark is written now";
+    EXPECT_EQ("a\nb\n", readFile());
+}
+
 TEST_F(DirtyFlagsTest, fileRewrittenByAnotherProcessIsSeenByTheNextUncachedQuery) {
     KSDirtyFlagHandler flags;
     flags.setRepository(nullptr, repository_.c_str(), false);

@@ -8,7 +8,9 @@
 // only when exactly one of origin and destination exists afterwards. A process killed between
 // the two leaves a resource that may lie on two mounts (or half on one) marked dirty, so its
 // next lookup searches every mount and merges or reports a conflict instead of answering with
-// a half-written copy.
+// a half-written copy. A mark that does not reach the file (its lock not had) protects nothing,
+// so the resource is then left where it is (Refused). The copy itself is staged and renamed into
+// place (KSPartialCopy.h), so even an unmarked resource never shows a half copy.
 
 #include <cstdint>
 #include <string>
@@ -27,7 +29,7 @@ enum class CandidateMoveResult {
     Moved,     // the resource is on the target and no longer on its old mount
     Stayed,    // moveRes reported no failure bit (e.g. a failed copy command's raw status,
                // see CandidateMove::acceptRawStatus), but the resource did not leave its mount
-    Refused,   // the lock could not be had
+    Refused,   // the lock could not be had, or the dirty mark could not be written
     Touched,   // used since it was gathered, or dirty: left alone
     Vanished,  // the origin no longer exists
     Conflict,  // the destination holds a different copy; marked dirty
