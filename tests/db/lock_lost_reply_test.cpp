@@ -15,8 +15,10 @@
 
 #include "ClockControl.h"
 #include "DBConnector.h"
+#include "DBConnectorSql.h"
 #include "DbTestEnv.h"
 #include "KSClock.h"
+#include "KSDirtyFlagHandler.h"
 #include "KSPathUtils.h"
 #include "KSSemaphoreGlobal.h"
 #include "LockDB.h"
@@ -191,6 +193,29 @@ TEST_F(LostLockReply, aTakeThatEndedInAnErrorLeavesNoRowOnceTheLockTableAnswersA
     EXPECT_EQ(1u, rowsOf(next).size()) << "the new lock is held";
     other.unlock();
     EXPECT_TRUE(rowsOf(next).empty());
+}
+
+// The lock table away for a moment (every reply to the dirty file's lock insert lost, the
+// connector's repetitions too): the mark waits for it, as for a busy lock, and reaches the file.
+TEST_F(LostLockReply, aDirtyMarkWaitsForALockTableThatIsAwayAndReachesTheFile) {
+    ClockGuard clock;
+    KSClock::setVirtualSleepForTesting(true);
+    auto connector = proxiedConnector();
+    TempTree tree;
+    const std::string repository = tree.mkdir("repo");
+    KSDirtyFlagHandler flags;
+    flags.setRepository(connector.get(), repository.c_str(), true);
+    std::unique_ptr<char[]> fileLock(toResourceID(flags.lockName().c_str(), ""));
+    struct RowsGone {  // even when the test fails
+        std::string id;
+        ~RowsGone() { DbAdmin().exec("DELETE FROM NVLOCK WHERE LCKRESOURCE='" + id + "'"); }
+    } cleanup{fileLock.get()};
+    proxy_->dropNext(kInsert, static_cast<int>(kelp::db::DBConnectorSql::kMaxAttempts));
+
+    EXPECT_TRUE(flags.setDirty(connector.get(), "1.2.3", true));
+    EXPECT_GE(proxy_->dropped(), 2) << "the insert failed for good once";
+    EXPECT_EQ("1.2.3\n", TempTree::read(repository + "/.dirty"));
+    EXPECT_TRUE(rowsOf(fileLock.get()).empty()) << "neither the failed take's row nor the lock";
 }
 
 namespace {
