@@ -10,6 +10,7 @@
 
 #include "JsonWriter.h"
 #include "KSException.h"
+#include "KSPartialCopy.h"
 #include "KSRepositoryHandler.h"
 #include "RepoctlArgs.h"
 #include "RepoctlCommand.h"
@@ -191,6 +192,11 @@ int runVerify(int argc, char** argv) {
     RepositoryVerifier::Options options;
     options.olderThanSeconds = arguments.olderThan;
     options.repair = arguments.repair;
+    options.stagedCopy = [](const std::string& entry, std::string* resource) {
+        if (!isPartialCopy(entry)) return false;
+        *resource = resourceOfPartialCopy(entry);
+        return true;
+    };
     RepositoryVerifier verifier(*repository, options);
     std::string error;
     double seconds = 0;

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "JsonValue.h"
+#include "KSPartialCopy.h"
 #include "KSPathUtils.h"
 #include "RepoctlRun.h"
 #include "ResourceFiles.h"
@@ -189,6 +190,12 @@ std::vector<Damage> damages() {
              s.dirty.insert("halfway");
              s.writeDirty();
          }},
+        {"a copy staged by a killed move", "partialCopy staged1",
+         [](Scene& s) {
+             const std::string staged = partialCopyPath(resourceLocation(s.mount(1), "staged1"));
+             mkdirs(staged.c_str(), 0755);
+             std::ofstream(staged + "/f1") << "half";
+         }},
         {"a move interrupted between two files", "partialCopy between",
          [](Scene& s) {
              putResource(s.mount(0), "between", "f1", "first");
@@ -331,11 +338,12 @@ TEST(RepoctlVerify, repairSettlesWhatTheLibraryMayAndLeavesTheRest) {
     EXPECT_TRUE(entryExists(resourceLocation(scene.mount(1), "halfway") + "/f1"));
     const RepoctlRun after = scene.verify({"--json"});
     EXPECT_EQ(after.code, 1);
-    EXPECT_EQ(findingsOf(parsed(after)),
-              (std::multiset<std::string>{
-                  "misplaced stray", "misplaced lower", "notDirectory ", "notDirectory plain",
-                  "danglingLink gone", "foreignLink away",
-                  "staleLockFile " + scene.ownLockId("held"), "partialCopy halfway"}))
+    EXPECT_EQ(
+        findingsOf(parsed(after)),
+        (std::multiset<std::string>{"misplaced stray", "misplaced lower", "notDirectory ",
+                                    "notDirectory plain", "danglingLink gone", "foreignLink away",
+                                    "staleLockFile " + scene.ownLockId("held"),
+                                    "partialCopy halfway", "partialCopy staged1"}))
         << after.out;
 }
 
