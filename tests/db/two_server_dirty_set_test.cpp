@@ -45,6 +45,13 @@ TwoServerRun site(SharedStorage storage, int cache, bool coarse = false, bool el
     return run;
 }
 
+TwoServerRun glusterSite(const char* mountOptions, bool cachesOff) {
+    TwoServerRun run = site(SharedStorage::GlusterFs, 0);
+    run.glusterMountOptions = mountOptions;
+    run.glusterClientCachesOff = cachesOff;
+    return run;
+}
+
 int fromEnvironment(const char* name, int fallback) {
     const char* text = getenv(name);
     const int value = text != nullptr ? atoi(text) : 0;
@@ -103,6 +110,7 @@ INSTANTIATE_TEST_SUITE_P(
     SharedStorage, TwoServerDirtySet,
     ::testing::Values(
         Storage{"plain_directory", "plain-directory", site(SharedStorage::PlainDirectory, 0)},
+        Storage{"fuse_without_attribute_cache", "bindfs-no-cache", site(SharedStorage::Bindfs, 0)},
         Storage{"fuse_1s_attribute_cache", "bindfs-1s", site(SharedStorage::Bindfs, 1)},
         Storage{"fuse_3s_attribute_cache", "bindfs-3s", site(SharedStorage::Bindfs, 3)},
         Storage{"fuse_1s_cache_other_path_repository_id", "bindfs-1s-other-path-repository-id",
@@ -110,5 +118,9 @@ INSTANTIATE_TEST_SUITE_P(
         Storage{"fuse_1s_cache_coarse_ramfs_timestamps", "bindfs-1s-ramfs",
                 site(SharedStorage::Bindfs, 1, true)},
         Storage{"glusterfs_default_client", "glusterfs-default-client",
-                site(SharedStorage::GlusterFs, 0)}),
+                site(SharedStorage::GlusterFs, 0)},
+        Storage{"glusterfs_without_fuse_caches", "glusterfs-attribute-entry-timeout-0",
+                glusterSite("attribute-timeout=0,entry-timeout=0", false)},
+        Storage{"glusterfs_client_caches_off", "glusterfs-client-caches-off",
+                glusterSite("", true)}),
     caseName);

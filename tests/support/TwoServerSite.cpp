@@ -134,7 +134,7 @@ std::string glusterCli(const SiteDirs& dirs) {
     return "--glusterd-sock=" + dirs.gluster + "/glusterd.socket";
 }
 
-void startGluster(const SiteDirs& dirs) {
+void startGluster(const TwoServerRun& run, const SiteDirs& dirs) {
     writeText(dirs.gluster + "/glusterd.vol",
               "volume management\n"
               "    type mgmt/glusterd\n"
@@ -166,6 +166,15 @@ void startGluster(const SiteDirs& dirs) {
     mustRun({"gluster", cli, "--mode=script", "volume", "create", kVolume,
              std::string(kBrickHost) + ":" + dirs.backing + "/brick", "force"},
             dirs.log);
+    if (run.glusterClientCachesOff) {
+        // The client-side translators that keep attributes, directory entries or file content.
+        for (const char* option :
+             {"performance.stat-prefetch", "performance.quick-read", "performance.io-cache",
+              "performance.read-ahead", "performance.open-behind", "performance.write-behind",
+              "performance.readdir-ahead"})
+            mustRun({"gluster", cli, "--mode=script", "volume", "set", kVolume, option, "off"},
+                    dirs.log);
+    }
     mustRun({"gluster", cli, "--mode=script", "volume", "start", kVolume}, dirs.log);
 }
 
@@ -191,10 +200,17 @@ void mountView(const TwoServerRun& run, const SiteDirs& dirs, const std::string&
                 dirs.log);
             return;
         }
-        case SharedStorage::GlusterFs:
-            mustRun({"mount", "-t", "glusterfs", std::string(kBrickHost) + ":/" + kVolume, view},
-                    dirs.log);
+        case SharedStorage::GlusterFs: {
+            std::vector<std::string> command{"mount", "-t", "glusterfs"};
+            if (!run.glusterMountOptions.empty()) {
+                command.push_back("-o");
+                command.push_back(run.glusterMountOptions);
+            }
+            command.push_back(std::string(kBrickHost) + ":/" + kVolume);
+            command.push_back(view);
+            mustRun(command, dirs.log);
             return;
+        }
     }
 }
 
@@ -328,7 +344,7 @@ void prepareStorage(const TwoServerRun& run, const SiteDirs& dirs) {
         throw std::runtime_error(errnoText("mount ramfs"));
     if (run.storage == SharedStorage::GlusterFs) {
         makeDirectory(dirs.backing + "/brick");
-        startGluster(dirs);
+        startGluster(run, dirs);
     }
 }
 

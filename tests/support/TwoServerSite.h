@@ -32,6 +32,10 @@ struct TwoServerRun {
     SharedStorage storage = SharedStorage::PlainDirectory;
     int attributeCacheSeconds = 0;  // Bindfs only
     bool coarseTimestamps = false;  // the storage's backing directory is on ramfs
+    // GlusterFs only: options of its FUSE client's mount ("attribute-timeout=0,..."), and the
+    // volume's client-side caches (metadata, content, read-ahead, write-behind) switched off.
+    std::string glusterMountOptions;
+    bool glusterClientCachesOff = false;
     // Server B mounts the share at another path; repository.cfg then names the repository with
     // a repositoryId so that both still lock under one name.
     bool differentPaths = false;
