@@ -1,33 +1,27 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <sstream>
 #include <string>
+#include <vector>
 
+#include "RepoctlRun.h"
 #include "ScratchRepository.h"
 
 namespace {
 
 struct CommandResult {
     int code;
-    std::string output;  // standard output and standard error
+    std::string output;  // standard output, then standard error
 };
 
-// Runs the repoctl built next to the tests (scripts/test builds every target).
+// Runs repoctl with `arguments` split at spaces; '' stands for an empty argument.
 CommandResult repoctl(const std::string& arguments) {
-    const std::string binary = std::string(RH_TEST_BINARY_DIR) + "/repoctl";
-    if (access(binary.c_str(), X_OK) != 0) {
-        ADD_FAILURE() << binary << " is missing: build the repoctl target";
-        return {-1, ""};
-    }
-    FILE* pipe = popen((binary + " " + arguments + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) return {-1, ""};
-    std::string output;
-    char piece[256];
-    while (fgets(piece, sizeof piece, pipe) != nullptr) output += piece;
-    const int status = pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+    std::vector<std::string> words;
+    std::istringstream in(arguments);
+    for (std::string word; in >> word;) words.push_back(word == "''" ? "" : word);
+    const RepoctlRun run = runRepoctl(words);
+    return {run.code, run.out + run.err};
 }
 
 bool contains(const std::string& text, const std::string& part) {
