@@ -175,7 +175,12 @@ TEST_F(RepoctlJson, locksDirtyMarksAndMountAidsReportWhatTheyDid) {
     ScratchRepository repo;
     repo.addMount("p1");
     repo.addMount("p2");
-    repo.writeConfig({{"isShared", "false"}});
+    // The mounts are plain folders on the machine's own disk: limits no disk reaches keep the
+    // status independent of how full that disk happens to be.
+    repo.writeConfig({{"isShared", "false"},   {"remindLimit", "0"},   {"warnLimit", "0"},
+                      {"warn2Limit", "0"},     {"warn3Limit", "0"},    {"switchLimit", "101"},
+                      {"fullLimit", "101"},    {"cleanLimit", "101"},  {"moveLimit", "101"},
+                      {"hardFullLimit", "101"}});
     const std::string& r = repo.path();
 
     JsonValue doc = jsonOf({"lock", r, "s1"}, env, 0);
